@@ -1,0 +1,42 @@
+#include "config/Tokens.h"
+
+#include <arpa/inet.h>
+
+namespace vord {
+
+bool isDecimalUid(const std::string& s) {
+    if (s.empty() || s.size() > 10) return false;
+    for (char c : s) {
+        if (c < '0' || c > '9') return false;
+    }
+    return true;
+}
+
+bool isValidInterfaceName(const std::string& s) {
+    if (s.empty() || s.size() > 15 || s == "." || s == "..") return false;
+    // A leading "-" would read as an option to the rule tools.
+    if (s[0] == '-') return false;
+    for (char c : s) {
+        unsigned char u = static_cast<unsigned char>(c);
+        if (u <= 0x20 || u == 0x7f || c == '/' || c == ':') return false;
+    }
+    return true;
+}
+
+bool isIpAddressLiteral(const std::string& s) {
+    if (s.empty() || s.size() > 45) return false;
+    unsigned char buf[16];
+    return inet_pton(AF_INET, s.c_str(), buf) == 1 || inet_pton(AF_INET6, s.c_str(), buf) == 1;
+}
+
+bool isHexMark(const std::string& s) {
+    if (s.size() < 3 || s.size() > 10 || s[0] != '0' || (s[1] != 'x' && s[1] != 'X')) return false;
+    for (size_t i = 2; i < s.size(); ++i) {
+        char c = s[i];
+        bool hex = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+        if (!hex) return false;
+    }
+    return true;
+}
+
+}  // namespace vord

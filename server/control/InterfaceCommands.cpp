@@ -1,0 +1,80 @@
+// Command 1: the interface list. Removals come before additions; each interface is
+// brought into (or out of) the registry, the statistics channel, the rules and link
+// selection in a fixed order.
+
+#define LOG_TAG "MUX-Vord-VordSocket-Server"
+
+#include "control/InterfaceCommands.h"
+
+#include <log/log.h>
+
+#include <algorithm>
+
+#include "config/Parameters.h"
+#include "control/ControlState.h"
+
+std::vector<std::string> interfacelist;
+std::vector<std::string> preinterfacelist;
+
+namespace {
+
+// Splits at ",": untrimmed names, adjacent commas give an empty name, a trailing
+// comma adds none.
+void splitInto(const char* list, std::vector<std::string>& out) {
+    std::string text(list);
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t comma = text.find(',', start);
+        if (comma == std::string::npos) {
+            out.push_back(text.substr(start));
+            break;
+        }
+        out.push_back(text.substr(start, comma - start));
+        start = comma + 1;
+    }
+}
+
+bool contains(const std::vector<std::string>& list, const std::string& name) {
+    return std::find(list.begin(), list.end(), name) != list.end();
+}
+
+}  // namespace
+
+int addInterfaces(const char* name) {
+    Parameters* params = controlParameters();
+    if (params == nullptr) return -1;
+    params->UpdateInterface(name, true);
+    // Next: the statistics channel, the interface's rules, link selection.
+    return 0;
+}
+
+int removeInterfaces(const char* name) {
+    Parameters* params = controlParameters();
+    if (params == nullptr) return -1;
+    // The rules go first, while the record still exists.
+    params->UpdateInterface(name, false);
+    return 0;
+}
+
+void updateInterfaces(const char* list) {
+    interfacelist.clear();
+    if (list == nullptr) return;
+    splitInto(list, interfacelist);
+
+    for (const std::string& name : preinterfacelist) {
+        if (contains(interfacelist, name)) continue;
+        ALOGI("remove Interfaces is %s", name.c_str());
+        removeInterfaces(name.c_str());
+    }
+    for (const std::string& name : interfacelist) {
+        if (contains(preinterfacelist, name)) continue;
+        ALOGI("add Interfaces is %s", name.c_str());
+        addInterfaces(name.c_str());
+    }
+
+    preinterfacelist.clear();
+    splitInto(list, preinterfacelist);
+    for (const std::string& name : preinterfacelist) {
+        ALOGI("preinterfacelist is %s", name.c_str());
+    }
+}

@@ -1,0 +1,161 @@
+#include "DaemonProcess.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <sstream>
+#include <thread>
+
+#include "control/msg.h"
+
+namespace vord {
+namespace test {
+
+std::string binPath(const std::string& program) { return std::string(VORD_BIN_DIR) + "/" + program; }
+
+DaemonProcess::DaemonProcess(const TempRoot& root) : root_(root) {}
+
+DaemonProcess::~DaemonProcess() { kill(); }
+
+void DaemonProcess::start() {
+    std::string logPath = root_.at("/vord.log");
+    std::string bin = binPath("vord");
+    std::string env = "VORD_ROOT=" + root_.path();
+    pid_ = fork();
+    if (pid_ == 0) {
+        int fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (fd >= 0) {
+            dup2(fd, STDOUT_FILENO);
+            dup2(fd, STDERR_FILENO);
+            if (fd > STDERR_FILENO) ::close(fd);
+        }
+        setenv("VORD_ROOT", root_.path().c_str(), 1);
+        char* argv[] = {const_cast<char*>(bin.c_str()), nullptr};
+        execv(bin.c_str(), argv);
+        _exit(127);
+    }
+    reaped_ = false;
+}
+
+bool DaemonProcess::alive() {
+    if (pid_ <= 0 || reaped_) return false;
+    int status = 0;
+    pid_t r = waitpid(pid_, &status, WNOHANG);
+    if (r == pid_) {
+        reaped_ = true;
+        return false;
+    }
+    return r == 0;
+}
+
+void DaemonProcess::kill() {
+    if (pid_ <= 0 || reaped_) return;
+    ::kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    reaped_ = true;
+}
+
+std::string DaemonProcess::log() const { return root_.readFile("/vord.log"); }
+
+std::vector<std::string> DaemonProcess::logLines() const {
+    std::vector<std::string> out;
+    std::stringstream ss(log());
+    std::string line;
+    while (std::getline(ss, line)) out.push_back(line);
+    return out;
+}
+
+size_t DaemonProcess::countLog(const std::string& needle) const {
+    std::string text = log();
+    size_t n = 0;
+    for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+bool DaemonProcess::waitForLog(const std::string& needle, std::chrono::milliseconds timeout,
+                               size_t times) const {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (countLog(needle) >= times) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return countLog(needle) >= times;
+}
+
+bool DaemonProcess::waitUntilServing(std::chrono::milliseconds timeout) const {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    if (!waitForLog("Created socket success", timeout)) return false;
+    while (std::chrono::steady_clock::now() < deadline) {
+        ControlClient probe(root_);
+        if (probe.connect()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+long DaemonProcess::cpuTimeMs() const {
+    std::string stat = readWholeFile("/proc/" + std::to_string(pid_) + "/stat");
+    size_t close = stat.rfind(')');
+    if (close == std::string::npos) return -1;
+    std::stringstream ss(stat.substr(close + 2));
+    std::string field;
+    long utime = 0, stime = 0;
+    // Fields after the command name start at field 3 (state); utime is 14, stime 15.
+    for (int i = 3; i <= 15 && ss >> field; ++i) {
+        if (i == 14) utime = std::stol(field);
+        if (i == 15) stime = std::stol(field);
+    }
+    return (utime + stime) * 1000 / sysconf(_SC_CLK_TCK);
+}
+
+bool DaemonProcess::stopThroughProperty(std::chrono::milliseconds timeout) {
+    root_.setProperty("vendor.sla.enabled", "2");
+    return waitForLog("Vord exiting", timeout);
+}
+
+ControlClient::ControlClient(const TempRoot& root) : root_(root) {}
+
+ControlClient::~ControlClient() { close(); }
+
+bool ControlClient::connect() {
+    close();
+    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd_ < 0) return false;
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", root_.at("/dev/socket/vord").c_str());
+    if (::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        close();
+        return false;
+    }
+    return true;
+}
+
+bool ControlClient::sendRaw(const void* data, size_t size) {
+    if (fd_ < 0) return false;
+    return ::send(fd_, data, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+}
+
+bool ControlClient::send(int id, const std::string& text, int length) {
+    msg_t msg;
+    memset(&msg, 0, sizeof(msg));
+    msg.id = id;
+    msg.length = length >= 0 ? length : static_cast<int>(text.size());
+    memcpy(msg.message, text.data(), text.size() < sizeof(msg.message) ? text.size() : sizeof(msg.message));
+    return sendRaw(&msg, sizeof(msg));
+}
+
+void ControlClient::close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+}
+
+}  // namespace test
+}  // namespace vord
