@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "config/Parameters.h"
+#include "sla/SlaStatsImpl.h"
 
 int main(int /*argc*/, char** /*argv*/) {
     ALOGI("Vord (SLA+SLS) 3.0.4.5 starting daemon");
@@ -16,12 +17,13 @@ int main(int /*argc*/, char** /*argv*/) {
     Parameters* params = Parameters::instance();
     // The rule manager builds its chain tree: IptablesManager::instance().
     // The control thread: createSocketThreads(params).
-    // Aggregation in the kernel module: SlaStatsImpl::instance()->enableSLA(true).
+    SlaStatsImpl* sla = SlaStatsImpl::instance();
+    sla->enableSLA(true);
     // Link selection: SmartLinkSelection::Init() and instance() (not built yet).
 
     // The loop runs at least once; the property is tested after the sleep.
     do {
-        // One ratio evaluation: evalAndSetSLAInterfaceRatio().
+        sla->evalAndSetSLAInterfaceRatio();
         // One link-selection step: slsChooseInterface() (not built yet).
         usleep(static_cast<uint32_t>(params->get(mini_est_interval)) * 1000u);
     } while (params->getSLAVendorProp() != 2);
@@ -29,11 +31,11 @@ int main(int /*argc*/, char** /*argv*/) {
     // Shutdown, in this order.
     // Stop and join the control thread: stopSocketThreads().
     ALOGE("Mux disabled, starting cleanup...\n");
-    // Disable aggregation in the kernel module: enableSLA(false).
+    sla->enableSLA(false);
     // Destroy the sockets of each gaming UID: killSocketsForUID() (not built yet).
     // Finalise link selection: SmartLinkSelection::cleanup() (not built yet).
     // Remove every rule: IptablesManager::clean_MUX_iptables().
-    // Release the statistics channel: SlaStatsImpl::finalize().
+    SlaStatsImpl::finalize();
     ALOGI("Vord exiting");
 
     // Idle for ever: only a restart by the platform brings the features back.

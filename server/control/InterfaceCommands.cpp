@@ -12,6 +12,7 @@
 
 #include "config/Parameters.h"
 #include "control/ControlState.h"
+#include "sla/SlaStatsImpl.h"
 
 std::vector<std::string> interfacelist;
 std::vector<std::string> preinterfacelist;
@@ -43,16 +44,20 @@ bool contains(const std::vector<std::string>& list, const std::string& name) {
 int addInterfaces(const char* name) {
     Parameters* params = controlParameters();
     if (params == nullptr) return -1;
+    SlaStatsImpl* sla = SlaStatsImpl::instance();
     params->UpdateInterface(name, true);
-    // Next: the statistics channel, the interface's rules, link selection.
+    sla->updateSlaInterfacemap(name, true);
+    // Next: the interface's rules, link selection.
     return 0;
 }
 
 int removeInterfaces(const char* name) {
     Parameters* params = controlParameters();
     if (params == nullptr) return -1;
+    SlaStatsImpl* sla = SlaStatsImpl::instance();
     // The rules go first, while the record still exists.
     params->UpdateInterface(name, false);
+    sla->updateSlaInterfacemap(name, false);
     return 0;
 }
 
