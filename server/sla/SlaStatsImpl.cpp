@@ -80,8 +80,11 @@ void SlaStatsImpl::finalize() {
 
 int SlaStatsImpl::writeStatsConfFile(const char* line) {
     // Non-blocking, so that a config channel nobody reads (a FIFO without a
-    // reader) fails the open with ENXIO instead of stalling the daemon.
-    int fd = open(vord::resolvePath(kConfigPath).c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK);
+    // reader) fails the open with ENXIO instead of stalling the daemon. The
+    // module's file ignores the offset; O_APPEND lets a plain file standing in
+    // for it collect every line in order.
+    int fd = open(vord::resolvePath(kConfigPath).c_str(),
+                  O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
         ALOGE("open stats config file failed:%s", strerror(errno));
         return -1;
