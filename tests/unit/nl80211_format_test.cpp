@@ -78,6 +78,7 @@ TEST(Nl80211FormatTest, AttributeWireFormAndValues) {
     // header give what is there, never more.
     EXPECT_EQ(NL80211Attr<std::string>(RawAttr(8, 1, {0, 0, 0, 0})).GetValue(), "");
     EXPECT_EQ(NL80211Attr<std::string>(RawAttr(2, 1)).GetValue(), "");
+    EXPECT_EQ(NL80211Attr<std::string>(Bytes()).GetValue(), "");
     EXPECT_EQ(NL80211Attr<std::string>(RawAttr(200, 1, {'a', 'b', 0, 0})).GetValue(), "ab");
 
     NL80211Attr<std::array<uint8_t, 6>> mac(6, {1, 2, 3, 4, 5, 6});

@@ -287,8 +287,11 @@ TEST(Nl80211NetlinkUtilsTest, ConcurrentQueriesGetTheirOwnReplies) {
     NetlinkUtils utils;
     Connect(&utils, &kernel);
     std::atomic<int> wrong{0};
+    std::atomic<int> ready{0};
     auto poller = [&](const char* bssid, int expected) {
-        for (int i = 0; i < 25; ++i) {
+        ++ready;
+        while (ready.load() < 2) std::this_thread::yield();
+        for (int i = 0; i < 100; ++i) {
             if (utils.GetStationInfo(bssid, "lo") != expected) ++wrong;
         }
     };

@@ -95,6 +95,7 @@ NL80211Attr<std::string>::NL80211Attr(const std::vector<uint8_t>& data) { data_ 
 
 std::string NL80211Attr<std::string>::GetValue() const {
     size_t length = PayloadLength();
+    if (length == 0) return std::string();
     const char* payload = reinterpret_cast<const char*>(data_.data()) + kNlaHeaderLength;
     while (length > 0 && payload[length - 1] == '\0') --length;
     return std::string(payload, length);
