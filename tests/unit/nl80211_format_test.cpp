@@ -55,11 +55,6 @@ TEST(Nl80211FormatTest, RequestWireForm) {
     EXPECT_EQ(request.GetConstData(), (Bytes{0x14, 0, 0, 0, 0x19, 0, 1, 0, 7, 0, 0, 0, 0, 0, 0, 0,
                                              3, 1, 0, 0}));
     EXPECT_TRUE(request.IsValid());
-    EXPECT_FALSE(request.IsMulti());
-    EXPECT_EQ(request.GetMessageType(), 25);
-    EXPECT_EQ(request.GetCommand(), 3);
-    EXPECT_EQ(request.GetMessageSequence(), 7u);
-
     request.AddAttribute(NL80211Attr<uint32_t>(3, 0xdeadbeef));
     ASSERT_EQ(request.GetConstData().size(), 28u);
     EXPECT_EQ(request.GetConstData()[0], 28);
@@ -102,7 +97,6 @@ TEST(Nl80211FormatTest, IntegerAttributeValidity) {
     EXPECT_FALSE(NL80211Attr<uint32_t>(RawAttr(8, 1, {1, 0})).IsValid());
     // Too short to hold a value: 0, and nothing read past the vector.
     EXPECT_EQ(NL80211Attr<uint32_t>(RawAttr(8, 1, {1, 0})).GetValue(), 0u);
-    EXPECT_TRUE(BaseNL80211Attr(1, {}).IsValid());
     EXPECT_FALSE(NL80211NestedAttr(Bytes{4, 0}).IsValid());
 }
 
@@ -183,11 +177,9 @@ TEST(Nl80211FormatTest, NestedLookupAndList) {
                            RawAttr(8, 2, {6, 0, 0, 0})});
     Bytes group2 = Concat({RawAttr(9, 1, {'m', 'l', 'm', 'e', 0, 0, 0, 0}),
                            RawAttr(8, 2, {7, 0, 0, 0})});
-    NL80211Packet packet = FamilyMessage(BaseNL80211Attr(7, Concat({BaseNL80211Attr(1, group1)
-                                                                            .GetConstData(),
-                                                                    BaseNL80211Attr(2, group2)
-                                                                            .GetConstData()}))
-                                                 .GetConstData());
+    Bytes groups_payload = Concat({BaseNL80211Attr(1, group1).GetConstData(),
+                                   BaseNL80211Attr(2, group2).GetConstData()});
+    NL80211Packet packet = FamilyMessage(BaseNL80211Attr(7, groups_payload).GetConstData());
     NL80211NestedAttr groups(0);
     ASSERT_TRUE(packet.GetAttribute(7, &groups));
     std::vector<NL80211NestedAttr> list;
@@ -228,19 +220,6 @@ TEST(Nl80211FormatTest, NestedListRejectsBrokenElements) {
     EXPECT_FALSE(overrun.GetListOfNestedAttributes(&list));
     EXPECT_TRUE(log.contains("Failed to get list of nested attributes: invalid nla_len."));
     EXPECT_EQ(list.size(), 2u);
-}
-
-TEST(Nl80211FormatTest, GetAttributeImplBounds) {
-    Bytes buf = Concat({RawAttr(5, 1, {9, 0, 0, 0}), RawAttr(6, 2, {1, 2, 0, 0})});
-    uint8_t* start = nullptr;
-    uint8_t* end = nullptr;
-    ASSERT_TRUE(BaseNL80211Attr::GetAttributeImpl(buf.data(), buf.size(), 2, &start, &end));
-    EXPECT_EQ(start, buf.data() + 8);
-    EXPECT_EQ(end, buf.data() + 16);
-    // Found without outputs; a cut buffer hides the attribute or breaks it.
-    EXPECT_TRUE(BaseNL80211Attr::GetAttributeImpl(buf.data(), buf.size(), 1, nullptr, nullptr));
-    EXPECT_FALSE(BaseNL80211Attr::GetAttributeImpl(buf.data(), 11, 2, &start, &end));
-    EXPECT_FALSE(BaseNL80211Attr::GetAttributeImpl(buf.data(), 3, 1, &start, &end));
 }
 
 }  // namespace
