@@ -8,6 +8,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <mutex>
 #include <string>
 
@@ -15,6 +17,7 @@
 
 #include "config/Parameters.h"
 #include "sla/SlaStatsBlock.h"
+#include "sla/SlaStatsImpl.h"
 
 namespace slatest {
 
@@ -88,34 +91,21 @@ inline void unregisterAll() {
     for (const auto& n : names) p->delOldInterfacetoMap(n.c_str());
 }
 
-// Sets configuration values for one test and puts the old ones back afterwards.
-class ScopedValues {
-  public:
-    ScopedValues(std::initializer_list<std::pair<const char*, int>> values) {
-        for (const auto& v : values) {
-            saved_.push_back({v.first, read(v.first)});
-            Parameters::instance()->setValue(v.first, std::to_string(v.second).c_str());
-        }
+// A fresh SlaStatsImpl with a plain file as the module's config channel; the
+// registry and the channel are emptied afterwards.
+class SlaFixture : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        close(open(config.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+        impl = SlaStatsImpl::instance();
     }
-    ~ScopedValues() {
-        for (const auto& v : saved_) {
-            Parameters::instance()->setValue(v.first, std::to_string(v.second).c_str());
-        }
+    void TearDown() override {
+        SlaStatsImpl::finalize();
+        unregisterAll();
+        unlink(config.c_str());
     }
-
-  private:
-    static int read(const std::string& key) {
-        Parameters* p = Parameters::instance();
-        if (key == "estimate_pack_num") return p->getEstimatePackNum();
-        if (key == "min_ratio_change") return p->getMinRatioChange();
-        if (key == "best_est_cache_size") return p->getBestEstCacheSize();
-        if (key == "wifi_threshold") return p->get(wifi_threshold);
-        if (key == "wan_threshold") return p->get(wan_threshold);
-        if (key == "ideal_est_window") return p->get(ideal_est_window);
-        if (key == "mini_stale_interval") return p->get(mini_stale_interval);
-        abort();
-    }
-    std::vector<std::pair<const char*, int>> saved_;
+    std::string config = vord::resolvePath("/proc/sla/config");
+    SlaStatsImpl* impl = nullptr;
 };
 
 }  // namespace slatest

@@ -13,17 +13,10 @@
 
 using namespace slatest;
 
-class SlaChannelTest : public ::testing::Test {
+class SlaChannelTest : public SlaFixture {
   protected:
-    void SetUp() override {
-        config = vord::resolvePath("/proc/sla/config");
-        close(open(config.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
-        impl = SlaStatsImpl::instance();
-    }
     void TearDown() override {
-        SlaStatsImpl::finalize();
-        unregisterAll();
-        unlink(config.c_str());
+        SlaFixture::TearDown();
         unlink(vord::resolvePath("/proc/sla/sla_voip_state").c_str());
     }
     std::string written() { return vord::test::readWholeFile(config); }
@@ -38,9 +31,6 @@ class SlaChannelTest : public ::testing::Test {
         fputs(text.c_str(), f);
         fclose(f);
     }
-
-    std::string config;
-    SlaStatsImpl* impl = nullptr;
 };
 
 TEST_F(SlaChannelTest, EnableWritesEachLineWithItsNulByte) {

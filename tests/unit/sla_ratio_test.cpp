@@ -14,19 +14,8 @@
 
 using namespace slatest;
 
-class SlaRatioTest : public ::testing::Test {
+class SlaRatioTest : public SlaFixture {
   protected:
-    void SetUp() override {
-        config = vord::resolvePath("/proc/sla/config");
-        close(open(config.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
-        impl = SlaStatsImpl::instance();
-    }
-    void TearDown() override {
-        SlaStatsImpl::finalize();
-        unregisterAll();
-        blocks.clear();
-        unlink(config.c_str());
-    }
     // Registers the links (name, metered, rate), maps their blocks and sets the rates.
     void links(std::initializer_list<std::tuple<const char*, bool, uint32_t>> list) {
         for (const auto& l : list) {
@@ -47,8 +36,6 @@ class SlaRatioTest : public ::testing::Test {
         return impl->slaInterfaceMap().at(name)->ratio;
     }
 
-    std::string config;
-    SlaStatsImpl* impl = nullptr;
     std::vector<std::unique_ptr<BlockFile>> blocks;
 };
 
@@ -117,7 +104,7 @@ TEST_F(SlaRatioTest, RatioLinesScrambleTheNameAndComeAtMostEverySixSeconds) {
 }
 
 TEST_F(SlaRatioTest, EvaluationEstimatesRatesAndHandsCopiesToTheRuleUpdate) {
-    ScopedValues values({{"estimate_pack_num", 5}, {"wan_threshold", 500}, {"best_est_cache_size", 0}});
+    // Defaults: estimate_pack_num 5, wan_threshold 500, no estimate cache.
     std::vector<std::map<std::string, float>> applied;
     impl->setRatioApplier([&](std::map<std::string, linkStatsWrapper_t*>& copies) {
         std::map<std::string, float> got;
