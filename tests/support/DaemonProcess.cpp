@@ -15,6 +15,8 @@
 #include <sstream>
 #include <thread>
 
+#include <gtest/gtest.h>
+
 #include "control/msg.h"
 
 namespace vord {
@@ -76,7 +78,18 @@ bool unixSocketListening(const std::string& path) {
 
 DaemonProcess::DaemonProcess(const TempRoot& root) : root_(root) {}
 
-DaemonProcess::~DaemonProcess() { kill(); }
+DaemonProcess::~DaemonProcess() {
+    kill();
+    // A sanitizer build reports into the daemon's log; such a report fails the test.
+    std::string text = pid_ > 0 ? log() : std::string();
+    for (const char* marker : {"WARNING: ThreadSanitizer", "ERROR: AddressSanitizer",
+                               "ERROR: LeakSanitizer", "runtime error:"}) {
+        if (text.find(marker) != std::string::npos) {
+            ADD_FAILURE() << "vord reported \"" << marker << "\":\n" << text;
+            break;
+        }
+    }
+}
 
 void DaemonProcess::start() {
     std::string logPath = root_.at("/vord.log");

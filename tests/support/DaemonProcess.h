@@ -27,7 +27,9 @@ bool unixSocketListening(const std::string& path);
 class DaemonProcess {
   public:
     explicit DaemonProcess(const TempRoot& root);
-    ~DaemonProcess();  // kills the daemon if still running
+    // Kills the daemon if still running; fails the test if its log holds a
+    // sanitizer report.
+    ~DaemonProcess();
     DaemonProcess(const DaemonProcess&) = delete;
     DaemonProcess& operator=(const DaemonProcess&) = delete;
 

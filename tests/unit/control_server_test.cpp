@@ -49,39 +49,30 @@ class ControlServerTest : public ::testing::Test {
 
     TempRoot root;
     Parameters store;
-    LogCapture log;
 
   private:
     std::string savedRoot_;
     Parameters* savedStore_ = nullptr;
 };
 
-TEST_F(ControlServerTest, CreateSocketReplacesStaleFileOrFailsCleanly) {
+// Stale files, the mode and dispatch over the real socket: see the integration tests.
+TEST_F(ControlServerTest, CreateSocketFailsCleanlyAndHidesFromChildren) {
+    LogCapture log;
     EXPECT_EQ(createSocket(nullptr), -1);
     EXPECT_TRUE(log.contains("NULL params"));
-
-    root.writeFile("/dev/socket/stale", "old", 0600);
-    int fd = createSocket("/dev/socket/stale");
-    ASSERT_GE(fd, 0);
-    struct stat st {};
-    ASSERT_EQ(lstat(root.at("/dev/socket/stale").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
-    EXPECT_EQ(st.st_mode & 07777, 0666u);
-    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);  // not inherited by the tools we run
-    // The log shows the fixed path, not where the sandbox put it.
-    EXPECT_TRUE(log.contains("Created socket success with '/dev/socket/stale', sockfd="));
-    close(fd);
 
     ASSERT_EQ(mkdir(root.at("/dev/socket/dir").c_str(), 0755), 0);  // cannot be unlinked
     EXPECT_EQ(createSocket("/dev/socket/dir"), -1);
     EXPECT_TRUE(log.contains("Failed to unlink old socket '/dev/socket/dir'"));
+
+    int fd = createSocket("/dev/socket/unit");
+    ASSERT_GE(fd, 0);
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);  // not inherited by the tools we run
+    close(fd);
 }
 
-TEST_F(ControlServerTest, DispatchReachesStoreAndLogsUnwiredAndUnknownIds) {
-    for (int id : {0, 15, -7}) handleMessage(makeMsg(id, "x"));
-    EXPECT_EQ(log.count("unknow mesage!!!"), 3u);
-
-    log.clear();
+TEST_F(ControlServerTest, DispatchReachesStoreAndLogsUnwiredIds) {
+    LogCapture log;
     for (int id : {2, 5, 6, 7, 9, 10, 11, 12, 13, 14}) handleMessage(makeMsg(id, "1"));
     EXPECT_EQ(log.lines().size(), 10u);  // one line each, nothing else
     EXPECT_TRUE(log.contains("setUidWhitelist (id 2) is not available yet"));
@@ -89,31 +80,31 @@ TEST_F(ControlServerTest, DispatchReachesStoreAndLogsUnwiredAndUnknownIds) {
 
     handleMessage(makeMsg(3, "0"));
     EXPECT_EQ(store.getInterfaceMode(), "0");
-
-    // A text filling all of `message` without a NUL is cut at its last byte.
-    msg_t full = makeMsg(4, std::string(1024, '7'));
-    handleMessage(full);
-    EXPECT_TRUE(log.contains("refused a gateway list of 1023 characters"));
 }
 
+// No log capture while the control thread runs: the SIGUSR1 handler logs, and
+// only the plain log (one write, no allocation) is safe inside a handler.
 TEST_F(ControlServerTest, StopEndsThreadInEveryState) {
     // Stopped at once: the thread may still be creating its socket, or accepting.
+    // Each stop must return (the join ends).
     for (int i = 0; i < 20; ++i) {
         ASSERT_NE(createSocketThreads(&store), static_cast<pthread_t>(-1));
         stopSocketThreads();
     }
-    EXPECT_EQ(log.count("socket Thread exit"), 20u);
 
     // Stopped while serving an idle client.
     ASSERT_NE(createSocketThreads(&store), static_cast<pthread_t>(-1));
+    // The gateway memory outlives the test: a fresh address each run.
+    static int run = 0;
+    const std::string gateway = "10.1.1." + std::to_string(++run % 250);
     ControlClient client(root);
-    ASSERT_TRUE(client.deliver(ControlClient::record(4, "10.1.1.1")));
+    ASSERT_TRUE(client.deliver(ControlClient::record(4, gateway)));
     stopSocketThreads();
-    EXPECT_TRUE(log.contains("populateWifiGateway = 10.1.1.1"));
+    EXPECT_EQ(store.wifiGateways(), std::vector<std::string>{gateway});
     ControlClient late(root);
     EXPECT_FALSE(late.connect());
 
-    log.clear();
+    LogCapture log;
     stopSocketThreads();  // no thread left
     EXPECT_TRUE(log.contains("pthread kill error"));
 }
