@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "config/Parameters.h"
+#include "control/VordSocketServer.h"
 #include "sla/SlaStatsImpl.h"
 
 int main(int /*argc*/, char** /*argv*/) {
@@ -16,7 +17,7 @@ int main(int /*argc*/, char** /*argv*/) {
     // Start-up, in this order.
     Parameters* params = Parameters::instance();
     // The rule manager builds its chain tree: IptablesManager::instance().
-    // The control thread: createSocketThreads(params).
+    createSocketThreads(params);  // without a control channel the daemon runs on
     SlaStatsImpl* sla = SlaStatsImpl::instance();
     sla->enableSLA(true);
     // Link selection: SmartLinkSelection::Init() and instance() (not built yet).
@@ -25,11 +26,14 @@ int main(int /*argc*/, char** /*argv*/) {
     do {
         sla->evalAndSetSLAInterfaceRatio();
         // One link-selection step: slsChooseInterface() (not built yet).
-        usleep(static_cast<uint32_t>(params->get(mini_est_interval)) * 1000u);
+        // The period is read afresh each time; 0 means no sleep at all (usleep(0)
+        // would still pay the kernel's timer slack).
+        uint32_t sleepUs = static_cast<uint32_t>(params->get(mini_est_interval)) * 1000u;
+        if (sleepUs != 0) usleep(sleepUs);
     } while (params->getSLAVendorProp() != 2);
 
     // Shutdown, in this order.
-    // Stop and join the control thread: stopSocketThreads().
+    stopSocketThreads();  // no control command runs during the rest of the shutdown
     ALOGE("Mux disabled, starting cleanup...\n");
     sla->enableSLA(false);
     // Destroy the sockets of each gaming UID: killSocketsForUID() (not built yet).
