@@ -50,6 +50,7 @@ const char kUsage[] =
     "  --root DIR         sandbox root (default: $VORD_ROOT, else /)\n"
     "  --interval MS      record period in milliseconds (default 100)\n"
     "  --rates-file FILE  IFNAME=RATE lines, read again whenever the file changes\n"
+    "  --live IFNAME[=DEV]  same as IFNAME=live[:DEV]\n"
     "  --voip ADDR:PORT   write the VoIP peer in the module's encoding\n"
     "  --no-config        do not create or read the config FIFO\n"
     "  --help             this text\n"
@@ -414,6 +415,11 @@ int main(int argc, char** argv) {
             ratesFile = value("--rates-file");
         } else if (arg == "--voip") {
             voip = value("--voip");
+        } else if (arg == "--live") {
+            std::string link = value("--live");
+            size_t eq = link.find('=');
+            assignments.push_back(eq == std::string::npos ? link + "=live"
+                                                          : link.substr(0, eq) + "=live:" + link.substr(eq + 1));
         } else if (arg == "--no-config") {
             useConfig = false;
         } else if (arg.find('=') != std::string::npos && arg[0] != '-') {
