@@ -8,13 +8,14 @@
 #include <unistd.h>
 
 #include "config/Parameters.h"
+#include "rules/IptablesManager.h"
 
 int main(int /*argc*/, char** /*argv*/) {
     ALOGI("Vord (SLA+SLS) 3.0.4.5 starting daemon");
 
     // Start-up, in this order.
     Parameters* params = Parameters::instance();
-    // The rule manager builds its chain tree: IptablesManager::instance().
+    IptablesManager::instance();
     // The control thread: createSocketThreads(params).
     // Aggregation in the kernel module: SlaStatsImpl::instance()->enableSLA(true).
     // Link selection: SmartLinkSelection::Init() and instance() (not built yet).
@@ -32,7 +33,7 @@ int main(int /*argc*/, char** /*argv*/) {
     // Disable aggregation in the kernel module: enableSLA(false).
     // Destroy the sockets of each gaming UID: killSocketsForUID() (not built yet).
     // Finalise link selection: SmartLinkSelection::cleanup() (not built yet).
-    // Remove every rule: IptablesManager::clean_MUX_iptables().
+    IptablesManager::clean_MUX_iptables();
     // Release the statistics channel: SlaStatsImpl::finalize().
     ALOGI("Vord exiting");
 

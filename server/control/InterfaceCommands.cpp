@@ -12,6 +12,7 @@
 
 #include "config/Parameters.h"
 #include "control/ControlState.h"
+#include "rules/IptablesManager.h"
 
 std::vector<std::string> interfacelist;
 std::vector<std::string> preinterfacelist;
@@ -43,15 +44,19 @@ bool contains(const std::vector<std::string>& list, const std::string& name) {
 int addInterfaces(const char* name) {
     Parameters* params = controlParameters();
     if (params == nullptr) return -1;
+    IptablesManager* iptables = IptablesManager::instance();
     params->UpdateInterface(name, true);
     // Next: the statistics channel, the interface's rules, link selection.
+    iptables->updateInterfaceIptables(name, true);
     return 0;
 }
 
 int removeInterfaces(const char* name) {
     Parameters* params = controlParameters();
     if (params == nullptr) return -1;
+    IptablesManager* iptables = IptablesManager::instance();
     // The rules go first, while the record still exists.
+    iptables->updateInterfaceIptables(name, false);
     params->UpdateInterface(name, false);
     return 0;
 }
