@@ -16,9 +16,13 @@ bool isValidInterfaceName(const std::string& s) {
     if (s.empty() || s.size() > 15 || s == "." || s == "..") return false;
     // A leading "-" would read as an option to the rule tools.
     if (s[0] == '-') return false;
+    // Stricter than the kernel: letters, digits and "_.-@" only, which covers every
+    // name a handset uses (wlan0, rmnet_data0, ccmni1, p2p-wlan0-0, ...) and
+    // nothing a tool or shell could read as syntax.
     for (char c : s) {
-        unsigned char u = static_cast<unsigned char>(c);
-        if (u <= 0x20 || u == 0x7f || c == '/' || c == ':') return false;
+        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                  c == '_' || c == '.' || c == '-' || c == '@';
+        if (!ok) return false;
     }
     return true;
 }

@@ -11,9 +11,8 @@ namespace vord {
 // Decimal digits only, 1 to 10 of them.
 bool isDecimalUid(const std::string& s);
 
-// A Linux interface name: 1 to 15 bytes, no blank, "/", ":" or control
-// character, not "." or "..", and not starting with "-" (it would read as an
-// option).
+// A Linux interface name: 1 to 15 characters out of letters, digits and "_.-@",
+// not "." or "..", and not starting with "-" (it would read as an option).
 bool isValidInterfaceName(const std::string& s);
 
 // An IPv4 or IPv6 address literal.

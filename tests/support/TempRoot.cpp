@@ -54,7 +54,10 @@ TempRoot::~TempRoot() { nftw(path_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHY
 std::string TempRoot::at(const std::string& rel) const { return path_ + rel; }
 
 void TempRoot::writeFile(const std::string& rel, const std::string& content, int mode) const {
-    std::string full = at(rel);
+    writeAt(at(rel), content, mode);
+}
+
+void TempRoot::writeAt(const std::string& full, const std::string& content, int mode) {
     makeDirs(full.substr(0, full.rfind('/')));
     std::string tmp = full + ".tmp";
     {

@@ -18,6 +18,8 @@ class TempRoot {
     std::string at(const std::string& rel) const;
 
     void writeFile(const std::string& rel, const std::string& content, int mode = 0644) const;
+    // Writes an absolute path (creating its directories), replacing the file whole.
+    static void writeAt(const std::string& full, const std::string& content, int mode = 0644);
     std::string readFile(const std::string& rel) const;
     bool exists(const std::string& rel) const;
 
