@@ -1,0 +1,133 @@
+// The rule tree in a real (namespaced) network stack, driven through the daemon.
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "DaemonProcess.h"
+#include "NetNamespace.h"
+#include "TempRoot.h"
+
+using namespace vord::test;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+constexpr const char* kLastBaseCommand =
+    "SEND SLA NDC COMMAND - PASS  /system/bin/iptables-wrapper-1.0 -w -t nat -I POSTROUTING -j "
+    "vexo_nat_POSTROUTING_MUX";
+
+Strings lines(const std::string& text) {
+    Strings out;
+    std::stringstream ss(text);
+    std::string line;
+    while (std::getline(ss, line)) out.push_back(line);
+    return out;
+}
+
+// The rules of `chain` in an iptables-save dump, in order, without "-A chain ".
+Strings rulesOf(const std::string& dump, const std::string& chain) {
+    Strings out;
+    const std::string head = "-A " + chain + " ";
+    for (const std::string& l : lines(dump)) {
+        if (l.compare(0, head.size(), head) == 0) out.push_back(l.substr(head.size()));
+    }
+    return out;
+}
+
+bool hasChain(const std::string& dump, const std::string& chain) {
+    for (const std::string& l : lines(dump)) {
+        if (l.compare(0, chain.size() + 2, ":" + chain + " ") == 0) return true;
+    }
+    return false;
+}
+
+// Everything of the daemon: chain names, hooks and routing rules begin "vexo_" or
+// carry the priority 14999.
+Strings leftovers(const NetNamespace& ns) {
+    Strings out;
+    for (const std::string& l : lines(ns.exec("iptables-save"))) {
+        if (l.find("vexo_") != std::string::npos) out.push_back(l);
+    }
+    for (const std::string& l : lines(ns.exec("ip rule show"))) {
+        if (l.compare(0, 6, "14999:") == 0) out.push_back(l);
+    }
+    return out;
+}
+
+class RulesE2E : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "\n*** END-TO-END RULE TESTS SKIPPED: they need root for network "
+                            "namespaces and iptables. Run ctest as root. ***\n";
+        }
+        ns = std::make_unique<NetNamespace>();
+        ASSERT_EQ(ns->error(), "") << "network namespace set-up failed";
+        ns->installTools(root);
+    }
+
+    // Starts a daemon and waits until the base tree is built (for the `nth` time in
+    // this root's log).
+    std::unique_ptr<DaemonProcess> startDaemon(size_t nth = 1) {
+        auto d = std::make_unique<DaemonProcess>(root);
+        d->start();
+        EXPECT_TRUE(d->waitForLog(kLastBaseCommand, std::chrono::seconds(20), nth)) << d->log();
+        return d;
+    }
+
+    // Sends one control command: through vordctl when it is built, else directly.
+    void send(int id, const std::string& name, const std::string& payload) {
+        std::string vordctl = binPath("vordctl");
+        if (access(vordctl.c_str(), X_OK) == 0) {
+            ShellResult r = shell("VORD_ROOT='" + root.path() + "' '" + vordctl + "' " + name +
+                                  " '" + payload + "'");
+            ASSERT_EQ(r.status, 0) << r.output;
+            return;
+        }
+        ControlClient client(root);
+        ASSERT_TRUE(client.connect());
+        ASSERT_TRUE(client.send(id, payload));
+    }
+
+    void expectBaseTree() {
+        std::string mangle = ns->exec("iptables-save -t mangle");
+        EXPECT_EQ(rulesOf(mangle, "vexo_MUX"),
+                  (Strings{"-j vexo_SLS",
+                           "-m state --state RELATED,ESTABLISHED -j CONNMARK --restore-mark "
+                           "--nfmask 0xffffffff --ctmask 0xffffffff",
+                           "-j vexo_SLA"}));
+        for (const char* chain : {"vexo_SLA", "vexo_SLS", "vexo_MUX_wapper"}) {
+            EXPECT_TRUE(hasChain(mangle, chain)) << chain << "\n" << mangle;
+            EXPECT_TRUE(rulesOf(mangle, chain).empty()) << chain << "\n" << mangle;
+        }
+        EXPECT_EQ(rulesOf(mangle, "OUTPUT"), (Strings{"-j vexo_MUX_wapper"})) << mangle;
+        std::string nat = ns->exec("iptables-save -t nat");
+        EXPECT_TRUE(hasChain(nat, "vexo_nat_POSTROUTING_MUX")) << nat;
+        EXPECT_EQ(rulesOf(nat, "POSTROUTING"), (Strings{"-j vexo_nat_POSTROUTING_MUX"})) << nat;
+    }
+
+    TempRoot root;
+    std::unique_ptr<NetNamespace> ns;
+};
+
+}  // namespace
+
+TEST_F(RulesE2E, BaseTreeSurvivesAKilledDaemonAndGoesAwayOnStop) {
+    auto first = startDaemon();
+    expectBaseTree();
+
+    first->kill();
+    auto second = startDaemon(2);
+    expectBaseTree();
+
+    ASSERT_TRUE(second->stopThroughProperty()) << second->log();
+    EXPECT_EQ(leftovers(*ns), Strings{});
+}
