@@ -1,5 +1,7 @@
 #include "DaemonProcess.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
@@ -20,7 +22,22 @@ std::string binPath(const std::string& program) { return std::string(VORD_BIN_DI
 
 DaemonProcess::DaemonProcess(const TempRoot& root) : root_(root) {}
 
-DaemonProcess::~DaemonProcess() { kill(); }
+DaemonProcess::~DaemonProcess() {
+    kill();
+    // A sanitizer report in the daemon ends up in its log, not in the test's.
+    if (pid_ > 0) {
+        std::string text = log();
+        for (const char* marker : {"WARNING: ThreadSanitizer", "ERROR: AddressSanitizer",
+                                   "ERROR: LeakSanitizer", "runtime error:"}) {
+            size_t at = text.find(marker);
+            if (at != std::string::npos) {
+                ADD_FAILURE() << "sanitizer report in the daemon's log:\n"
+                              << text.substr(at > 200 ? at - 200 : 0, 4000);
+                break;
+            }
+        }
+    }
+}
 
 void DaemonProcess::start() {
     std::string logPath = root_.at("/vord.log");
