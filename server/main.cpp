@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "config/Parameters.h"
+#include "control/VordSocketServer.h"
 #include "rules/IptablesManager.h"
 
 int main(int /*argc*/, char** /*argv*/) {
@@ -16,7 +17,7 @@ int main(int /*argc*/, char** /*argv*/) {
     // Start-up, in this order.
     Parameters* params = Parameters::instance();
     IptablesManager::instance();
-    // The control thread: createSocketThreads(params).
+    createSocketThreads(params);  // without a control channel the daemon runs on
     // Aggregation in the kernel module: SlaStatsImpl::instance()->enableSLA(true).
     // Link selection: SmartLinkSelection::Init() and instance() (not built yet).
 
@@ -28,7 +29,7 @@ int main(int /*argc*/, char** /*argv*/) {
     } while (params->getSLAVendorProp() != 2);
 
     // Shutdown, in this order.
-    // Stop and join the control thread: stopSocketThreads().
+    stopSocketThreads();  // no control command runs during the rest of the shutdown
     ALOGE("Mux disabled, starting cleanup...\n");
     // Disable aggregation in the kernel module: enableSLA(false).
     // Destroy the sockets of each gaming UID: killSocketsForUID() (not built yet).

@@ -131,3 +131,70 @@ TEST_F(RulesE2E, BaseTreeSurvivesAKilledDaemonAndGoesAwayOnStop) {
     ASSERT_TRUE(second->stopThroughProperty()) << second->log();
     EXPECT_EQ(leftovers(*ns), Strings{});
 }
+
+TEST_F(RulesE2E, InterfaceListBuildsAndRemovesPerInterfaceRules) {
+    auto daemon = startDaemon();
+    ASSERT_TRUE(daemon->waitUntilServing()) << daemon->log();
+
+    send(1, "ifaces", "wlan0,wlan1,rmnet_data0");
+    ASSERT_TRUE(daemon->waitForLog("preinterfacelist is rmnet_data0")) << daemon->log();
+    std::string mangle = ns->exec("iptables-save -t mangle");
+    const Strings names{"wlan0", "wlan1", "rmnet_data0"};
+    const Strings marks{"0x200000", "0x400000", "0x600000"};
+    for (size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(rulesOf(mangle, "vexo_fw_" + names[i]),
+                  (Strings{"-j MARK --set-xmark " + marks[i] + "/0xe00000",
+                           "-j CONNMARK --save-mark --nfmask 0xffffffff --ctmask 0xe00000",
+                           "-j ACCEPT"}))
+            << mangle;
+    }
+    EXPECT_FALSE(hasChain(mangle, "vexo_fw_wlan0_wrapper")) << mangle;
+    EXPECT_TRUE(hasChain(mangle, "vexo_fw_wlan1_wrapper")) << mangle;
+    EXPECT_TRUE(hasChain(mangle, "vexo_fw_rmnet_data0_wrapper")) << mangle;
+    Strings routing;
+    for (const std::string& l : lines(ns->exec("ip rule show"))) {
+        if (l.compare(0, 6, "14999:") == 0) routing.push_back(l);
+    }
+    std::sort(routing.begin(), routing.end());
+    EXPECT_EQ(routing, (Strings{"14999:\tfrom all fwmark 0x200000/0xce00000 lookup wlan0",
+                                "14999:\tfrom all fwmark 0x400000/0xce00000 lookup wlan1",
+                                "14999:\tfrom all fwmark 0x600000/0xce00000 lookup rmnet_data0"}));
+    EXPECT_EQ(rulesOf(ns->exec("iptables-save -t nat"), "vexo_nat_POSTROUTING_MUX"),
+              (Strings{"-o wlan0 -j MASQUERADE", "-o wlan1 -j MASQUERADE",
+                       "-o rmnet_data0 -j MASQUERADE"}));
+
+    send(1, "ifaces", "wlan0");
+    ASSERT_TRUE(daemon->waitForLog("preinterfacelist is wlan0", std::chrono::seconds(10), 2))
+        << daemon->log();
+    mangle = ns->exec("iptables-save -t mangle");
+    for (const char* gone : {"vexo_fw_wlan1", "vexo_fw_wlan1_wrapper", "vexo_fw_rmnet_data0",
+                             "vexo_fw_rmnet_data0_wrapper"}) {
+        EXPECT_FALSE(hasChain(mangle, gone)) << gone << "\n" << mangle;
+    }
+    EXPECT_EQ(rulesOf(mangle, "vexo_fw_wlan0").size(), 3u) << mangle;
+    EXPECT_TRUE(rulesOf(mangle, "vexo_SLA").empty()) << mangle;
+    EXPECT_EQ(rulesOf(ns->exec("iptables-save -t nat"), "vexo_nat_POSTROUTING_MUX"),
+              (Strings{"-o wlan0 -j MASQUERADE"}));
+    EXPECT_EQ(ns->exec("ip rule show | grep '^14999:'"),
+              "14999:\tfrom all fwmark 0x200000/0xce00000 lookup wlan0\n");
+
+    ASSERT_TRUE(daemon->stopThroughProperty()) << daemon->log();
+    EXPECT_EQ(leftovers(*ns), Strings{});
+}
+
+TEST_F(RulesE2E, GatewayAndUidWhitelistFillTheEntryChain) {
+    root.writeConf("uid_whitelist=10123,10456\n");
+    auto daemon = startDaemon();
+    ASSERT_TRUE(daemon->waitUntilServing()) << daemon->log();
+
+    send(4, "gateway", "192.168.1.1");
+    ASSERT_TRUE(daemon->waitForLog("-A vexo_MUX_wapper -m owner --uid-owner 10456 -j vexo_MUX"))
+        << daemon->log();
+    EXPECT_EQ(rulesOf(ns->exec("iptables-save -t mangle"), "vexo_MUX_wapper"),
+              (Strings{"-d 192.168.1.1/32 -j RETURN",
+                       "-m owner --uid-owner 10123 -j vexo_MUX",
+                       "-m owner --uid-owner 10456 -j vexo_MUX"}));
+
+    ASSERT_TRUE(daemon->stopThroughProperty()) << daemon->log();
+    EXPECT_EQ(leftovers(*ns), Strings{});
+}

@@ -2,14 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <errno.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <sstream>
 #include <thread>
 
@@ -19,6 +23,58 @@ namespace vord {
 namespace test {
 
 std::string binPath(const std::string& program) { return std::string(VORD_BIN_DIR) + "/" + program; }
+
+int runProgram(const std::vector<std::string>& argv, const TempRoot* root, std::string* output) {
+    // Everything the child needs is built before the fork.
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    std::string rootVar = root != nullptr ? "VORD_ROOT=" + root->path() : std::string();
+    std::vector<char*> env;
+    for (char** e = environ; *e != nullptr; ++e) {
+        if (root == nullptr || strncmp(*e, "VORD_ROOT=", 10) != 0) env.push_back(*e);
+    }
+    if (root != nullptr) env.push_back(const_cast<char*>(rootVar.c_str()));
+    env.push_back(nullptr);
+
+    int pipeFds[2];
+    if (args.size() < 2 || pipe2(pipeFds, O_CLOEXEC) != 0) return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(pipeFds[1], STDOUT_FILENO);
+        dup2(pipeFds[1], STDERR_FILENO);
+        execve(args[0], args.data(), env.data());
+        _exit(127);
+    }
+    ::close(pipeFds[1]);
+    std::string text;
+    char buf[4096];
+    for (ssize_t n; (n = read(pipeFds[0], buf, sizeof(buf))) != 0;) {
+        if (n > 0) text.append(buf, static_cast<size_t>(n));
+        else if (errno != EINTR) break;
+    }
+    ::close(pipeFds[0]);
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+    if (output != nullptr) *output = text;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool unixSocketListening(const std::string& path) {
+    constexpr unsigned long kAcceptCon = 0x10000;  // the socket is listening
+    std::stringstream table(readWholeFile("/proc/net/unix"));
+    std::string line;
+    std::getline(table, line);  // header
+    while (std::getline(table, line)) {
+        std::stringstream fields(line);
+        std::string num, refCount, protocol, flags, type, state, inode, name;
+        if (!(fields >> num >> refCount >> protocol >> flags >> type >> state >> inode >> name)) {
+            continue;
+        }
+        if (name == path && (std::stoul(flags, nullptr, 16) & kAcceptCon) != 0) return true;
+    }
+    return false;
+}
 
 DaemonProcess::DaemonProcess(const TempRoot& root) : root_(root) {}
 
@@ -110,8 +166,7 @@ bool DaemonProcess::waitUntilServing(std::chrono::milliseconds timeout) const {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     if (!waitForLog("Created socket success", timeout)) return false;
     while (std::chrono::steady_clock::now() < deadline) {
-        ControlClient probe(root_);
-        if (probe.connect()) return true;
+        if (unixSocketListening(root_.at("/dev/socket/vord"))) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return false;
@@ -155,18 +210,61 @@ bool ControlClient::connect() {
     return true;
 }
 
+bool ControlClient::connect(std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!connect()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+bool ControlClient::waitRead(std::chrono::milliseconds timeout) {
+    if (fd_ < 0) return false;
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        int unread = 0;  // bytes sent that the peer has not read yet
+        if (ioctl(fd_, SIOCOUTQ, &unread) != 0) return false;
+        if (unread == 0) break;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    // A connection dropped with data unread (or never accepted) reports a reset.
+    int err = 0;
+    socklen_t len = sizeof(err);
+    getsockopt(fd_, SOL_SOCKET, SO_ERROR, &err, &len);
+    return err != ECONNRESET;
+}
+
+bool ControlClient::deliver(const std::string& bytes, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        if (!connected() && !connect(left)) return false;
+        if (sendRaw(bytes.data(), bytes.size()) && waitRead(left)) return true;
+        close();
+    }
+}
+
+std::string ControlClient::record(int id, const std::string& text, int length) {
+    msg_t msg;
+    memset(&msg, 0, sizeof(msg));
+    msg.id = id;
+    msg.length = length >= 0 ? length : static_cast<int>(text.size());
+    memcpy(msg.message, text.data(), std::min(text.size(), sizeof(msg.message)));
+    return std::string(reinterpret_cast<const char*>(&msg), sizeof(msg));
+}
+
 bool ControlClient::sendRaw(const void* data, size_t size) {
     if (fd_ < 0) return false;
     return ::send(fd_, data, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
 }
 
 bool ControlClient::send(int id, const std::string& text, int length) {
-    msg_t msg;
-    memset(&msg, 0, sizeof(msg));
-    msg.id = id;
-    msg.length = length >= 0 ? length : static_cast<int>(text.size());
-    memcpy(msg.message, text.data(), text.size() < sizeof(msg.message) ? text.size() : sizeof(msg.message));
-    return sendRaw(&msg, sizeof(msg));
+    std::string bytes = record(id, text, length);
+    return sendRaw(bytes.data(), bytes.size());
 }
 
 void ControlClient::close() {

@@ -1,0 +1,345 @@
+// The control channel of the daemon.
+//
+// One control thread owns the listening socket "/dev/socket/vord", accepts one
+// client at a time and reads fixed 1032-byte records (msg_t) from it through an
+// edge-triggered epoll instance. Every record is dispatched on the same thread, so
+// command handlers never run concurrently with each other. When the client hangs
+// up the thread starts over: it closes everything and re-creates the socket file.
+//
+// Stopping. stopSocketThreads() raises the stop request and sends SIGUSR1 to the
+// control thread. The thread keeps SIGUSR1 blocked except inside its two waits
+// (ppoll before accept, epoll_pwait while serving), which unblock it atomically.
+// A signal sent at any moment therefore either interrupts the wait in progress or
+// stays pending until the next wait starts, which then returns EINTR at once; the
+// thread checks the stop request after every interrupted wait. A stray SIGUSR1
+// from outside only logs: without the stop request the thread just waits again.
+
+#define LOG_TAG "MUX-Vord-VordSocket-Server"
+
+#include "control/VordSocketServer.h"
+
+#include <log/log.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+
+#include <vord/RootPath.h>
+
+#include "config/Parameters.h"
+#include "control/ControlState.h"
+#include "control/InterfaceCommands.h"
+#include "control/SignalHandler.h"
+#include "control/WhitelistCommands.h"
+#include "rules/IptablesManager.h"
+
+namespace {
+
+constexpr const char* kSocketPath = "/dev/socket/vord";
+constexpr int kListenBacklog = 2;
+constexpr int32_t kMaxTextLength = VORD_MSG_TEXT_SIZE - 1;
+const pthread_t kNoThread = static_cast<pthread_t>(-1);
+
+// The control thread, or kNoThread before it starts and after it is joined.
+std::atomic<pthread_t> g_controlThread{kNoThread};
+// The control thread's current epoll instance, -1 while it has none. The stopper
+// sets it to -1: a serving thread that finds it changed has been asked to stop.
+// Only the control thread closes the descriptor, so its number cannot be reused
+// under a wait that is still running.
+std::atomic<int> g_epollFd{-1};
+// The stop request for every state of the thread, including creating and
+// accepting, where there is no epoll instance.
+std::atomic<bool> g_stopRequested{false};
+
+// Payload of the last accepted gateway command; control thread only.
+char g_lastGateway[64] = "";
+
+// What the control thread does after a phase: serve the accepted client, start
+// over from the restart point, or end.
+enum class Next { Serve, Restart, Exit };
+
+bool stopRequested() { return g_stopRequested.load(std::memory_order_acquire); }
+
+void closeFd(int& fd) {
+    if (fd >= 0) close(fd);
+    fd = -1;
+}
+
+void notAvailableYet(const char* command, int id) {
+    ALOGI("%s (id %d) is not available yet", command, id);
+}
+
+// Command 4. A payload that does not fit the 63 characters of the gateway memory
+// is refused, not cut: a cut list may end in a different but still valid address
+// ("192.168.1.10" -> "192.168.1.1"). The gateways in force stay as they are, and
+// the memory keeps the last accepted text.
+void updateWifiGateway(const char* text) {
+    if (strcmp(text, g_lastGateway) == 0) return;
+    size_t len = strlen(text);
+    if (len >= sizeof(g_lastGateway)) {
+        ALOGE("%s refused a gateway list of %zu characters (at most %zu)", "updateWifiGateway",
+              len, sizeof(g_lastGateway) - 1);
+        return;
+    }
+    memcpy(g_lastGateway, text, len + 1);
+    IptablesManager* iptables = IptablesManager::instance();
+    Parameters* params = controlParameters();
+    if (iptables == nullptr || params == nullptr) return;
+    params->populateWifiGateway(text);
+    // Re-apply the whitelist chain, whose RETURN rules exempt the gateways.
+    iptables->setup_mux_whitelist();
+}
+
+// Reads one record without blocking. Whatever arrives in one receive is one
+// record; the bytes not received stay zero and the text always ends inside
+// `message`. False when nothing was read.
+bool receiveRecord(int fd, msg_t& buffer) {
+    memset(&buffer, 0, sizeof(buffer));
+    ssize_t n = recv(fd, &buffer, sizeof(buffer), MSG_DONTWAIT);
+    if (n < 1) return false;
+    buffer.message[VORD_MSG_TEXT_SIZE - 1] = '\0';
+    return true;
+}
+
+// Waits for a client on the listening socket and accepts it into `clientFd`.
+Next acceptClient(int listenFd, const sigset_t& waitMask, int& clientFd) {
+    for (;;) {
+        pollfd pfd{listenFd, POLLIN, 0};
+        if (ppoll(&pfd, 1, nullptr, &waitMask) < 0) {
+            int err = errno;
+            if (stopRequested()) return Next::Exit;
+            if (err == EINTR) continue;
+            ALOGE("accept fail, error=%s\n", strerror(err));
+            return Next::Restart;
+        }
+        clientFd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (clientFd >= 0) return Next::Serve;
+        int err = errno;
+        if (stopRequested()) return Next::Exit;
+        // The listening socket does not block: a client that vanished between the
+        // wait and the accept just means waiting again.
+        if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR || err == ECONNABORTED) continue;
+        ALOGE("accept fail, error=%s\n", strerror(err));
+        return Next::Restart;
+    }
+}
+
+// Reads and dispatches every record queued on the client (edge-triggered: the
+// queue must be emptied before the next wait). A record whose length is over the
+// limit is dropped silently and reading goes on, so the records queued behind it
+// are not stranded until the client writes again.
+void drain(int clientFd, int epfd, msg_t& buffer) {
+    while (!stopRequested() && g_epollFd.load() == epfd && receiveRecord(clientFd, buffer)) {
+        if (buffer.length > kMaxTextLength) continue;
+        ALOGI("recv msg: msg.id=%d, msg.length=%d, msg.message=[%s]\n", buffer.id, buffer.length,
+              buffer.message);
+        handleMessage(buffer);
+    }
+}
+
+// Serves the accepted client until it hangs up (Restart) or a stop (Exit).
+Next serveClient(int clientFd, int epfd, const sigset_t& waitMask, msg_t& buffer) {
+    for (;;) {
+        epoll_event event{};
+        int n = epoll_pwait(epfd, &event, 1, -1, &waitMask);
+        if (n < 0) {
+            int err = errno;
+            if (stopRequested() || g_epollFd.load() != epfd) return Next::Exit;
+            if (err == EINTR) continue;
+            ALOGE("epoll_wait error");
+            return Next::Restart;
+        }
+        if (n == 0) continue;
+        // The hang-up test comes first: data still queued by a client that has
+        // hung up is not read.
+        if (event.events & EPOLLHUP) {
+            ALOGE("socket EPOLLHUP error, retry create socket");
+            epoll_ctl(epfd, EPOLL_CTL_DEL, clientFd, nullptr);
+            return Next::Restart;
+        }
+        if (!(event.events & EPOLLIN)) continue;
+        drain(clientFd, epfd, buffer);
+    }
+}
+
+}  // namespace
+
+int createSocket(const char* path) {
+    if (path == nullptr) {
+        ALOGE("NULL params\n");
+        return -1;
+    }
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        ALOGE("Failed to open socket '%s', error=%s\n", path, strerror(errno));
+        return -1;
+    }
+    const std::string file = vord::resolvePath(path);
+    sockaddr_un addr;
+    memset(&addr, 0, sizeof(addr));
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", file.c_str());
+
+    if (unlink(file.c_str()) != 0 && errno != ENOENT) {
+        ALOGE("Failed to unlink old socket '%s', error=%s\n", path, strerror(errno));
+        close(fd);
+        return -1;
+    }
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        ALOGE("Failed to bind socket '%s', error=%s\n", path, strerror(errno));
+        unlink(file.c_str());
+        close(fd);
+        return -1;
+    }
+    chmod(file.c_str(), 0666);  // any local user may connect
+    ALOGI("Created socket success with '%s', sockfd=%d\n", path, fd);
+    return fd;
+}
+
+pthread_t createSocketThreads(Parameters* params) {
+    struct sigaction action;
+    memset(&action, 0, sizeof(action));
+    action.sa_handler = signal_handler;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0;  // no SA_RESTART: the signal must interrupt the waits
+    if (sigaction(SIGUSR1, &action, nullptr) != 0) {
+        ALOGE("sigaction error");
+        return kNoThread;
+    }
+
+    // Published before the thread exists, so its first record already sees it.
+    setControlParameters(params);
+    g_stopRequested.store(false, std::memory_order_release);
+
+    // The thread inherits a mask with SIGUSR1 blocked (see the top of this file).
+    sigset_t usr1, previous;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &usr1, &previous);
+    pthread_t tid;
+    int err = pthread_create(&tid, nullptr, socketThreadHandle, nullptr);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (err != 0) {
+        ALOGE("create thread fail, error=%s", strerror(err));
+        return kNoThread;
+    }
+    ALOGI("create handle thread(thread id=%lu) for handle msg\n", static_cast<unsigned long>(tid));
+    g_controlThread.store(tid);
+    return tid;
+}
+
+void* socketThreadHandle(void*) {
+    // The waits run with SIGUSR1 unblocked; everything else runs with it blocked.
+    sigset_t waitMask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &waitMask);
+    sigdelset(&waitMask, SIGUSR1);
+
+    int listenFd = -1;
+    int clientFd = -1;
+    int epfd = -1;
+    msg_t buffer;
+
+    for (;;) {
+        // Restart point: drop the epoll instance and both sockets.
+        if (epfd >= 0) {
+            int expected = epfd;
+            g_epollFd.compare_exchange_strong(expected, -1);
+            closeFd(epfd);
+        }
+        closeFd(clientFd);
+        closeFd(listenFd);
+        if (stopRequested()) break;
+
+        listenFd = createSocket(kSocketPath);
+        if (listenFd < 0) {
+            ALOGE("create socket failed\n");
+            return nullptr;
+        }
+        if (listen(listenFd, kListenBacklog) != 0) {
+            ALOGE("listen fail, error=%s\n", strerror(errno));
+            usleep(100 * 1000);  // do not spin if the failure persists
+            continue;
+        }
+        fcntl(listenFd, F_SETFL, fcntl(listenFd, F_GETFL) | O_NONBLOCK);
+
+        memset(&buffer, 0, sizeof(buffer));
+        Next next = acceptClient(listenFd, waitMask, clientFd);
+        if (next == Next::Exit) break;
+        if (next == Next::Restart) continue;
+
+        epfd = epoll_create1(EPOLL_CLOEXEC);
+        if (epfd < 0) {
+            ALOGE("epoll_create fail, error=%s\n", strerror(errno));
+            continue;
+        }
+        g_epollFd.store(epfd);
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLET;
+        event.data.fd = clientFd;
+        if (epoll_ctl(epfd, EPOLL_CTL_ADD, clientFd, &event) != 0) {
+            ALOGE("epoll_ctl error");
+            continue;
+        }
+        if (serveClient(clientFd, epfd, waitMask, buffer) == Next::Exit) break;
+    }
+
+    ALOGI("socket Thread exit");
+    closeFd(clientFd);
+    closeFd(listenFd);
+    if (epfd >= 0) {
+        int expected = epfd;
+        g_epollFd.compare_exchange_strong(expected, -1);
+        closeFd(epfd);
+    }
+    return nullptr;
+}
+
+void handleMessage(msg_t msg) {
+    msg.message[VORD_MSG_TEXT_SIZE - 1] = '\0';
+    const char* text = msg.message;
+    Parameters* params = controlParameters();
+    switch (msg.id) {
+        case 1: updateInterfaces(text); break;
+        case 2: setUidWhitelist(text); break;
+        case 3: if (params != nullptr) params->UpdateInterfaceMode(text); break;
+        case 4: updateWifiGateway(text); break;
+        case 5: setDWUidWhitelist(text); break;
+        case 6: notAvailableYet("DoubleWifiMonitor", msg.id); break;
+        case 7: setDDUidWhitelist(text); break;
+        case 8: if (params != nullptr) params->UpdateInterfaceBssid(text); break;
+        case 9: notAvailableYet("StartSlsServer", msg.id); break;
+        case 10: notAvailableYet("StopSlsServer", msg.id); break;
+        case 11: notAvailableYet("setVoipStatus", msg.id); break;
+        case 12: notAvailableYet("updateSlsInterfacesRtt", msg.id); break;
+        case 13: notAvailableYet("setGameAiModeEnable", msg.id); break;
+        case 14: notAvailableYet("setGameAiModeCheckRtt", msg.id); break;
+        default: ALOGE("unknow mesage!!!"); break;
+    }
+}
+
+void stopSocketThreads() {
+    g_stopRequested.store(true, std::memory_order_release);
+    g_epollFd.store(-1);
+    pthread_t tid = g_controlThread.exchange(kNoThread);
+    if (tid == kNoThread) {
+        ALOGE("pthread kill error");
+        return;
+    }
+    if (pthread_kill(tid, SIGUSR1) != 0) {
+        // The thread has already ended by itself (its socket could not be
+        // created); joining it only releases its resources and returns at once.
+        ALOGE("pthread kill error");
+    }
+    pthread_join(tid, nullptr);
+}
