@@ -20,6 +20,9 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
+// A short loop period keeps the stop through the property quick.
+constexpr const char* kConf = "mini_est_interval=100\n";
+
 constexpr const char* kLastBaseCommand =
     "SEND SLA NDC COMMAND - PASS  /system/bin/iptables-wrapper-1.0 -w -t nat -I POSTROUTING -j "
     "vexo_nat_POSTROUTING_MUX";
@@ -72,6 +75,7 @@ class RulesE2E : public ::testing::Test {
         ns = std::make_unique<NetNamespace>();
         ASSERT_EQ(ns->error(), "") << "network namespace set-up failed";
         ns->installTools(root);
+        root.writeConf(kConf);
     }
 
     // Starts a daemon and waits until the base tree is built (for the `nth` time in
@@ -183,7 +187,7 @@ TEST_F(RulesE2E, InterfaceListBuildsAndRemovesPerInterfaceRules) {
 }
 
 TEST_F(RulesE2E, GatewayAndUidWhitelistFillTheEntryChain) {
-    root.writeConf("uid_whitelist=10123,10456\n");
+    root.writeConf(std::string(kConf) + "uid_whitelist=10123,10456\n");
     auto daemon = startDaemon();
     ASSERT_TRUE(daemon->waitUntilServing()) << daemon->log();
 
