@@ -9,6 +9,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "DaemonProcess.h"
@@ -23,9 +24,8 @@ namespace {
 // A short loop period keeps the stop through the property quick.
 constexpr const char* kConf = "mini_est_interval=100\n";
 
-constexpr const char* kLastBaseCommand =
-    "SEND SLA NDC COMMAND - PASS  /system/bin/iptables-wrapper-1.0 -w -t nat -I POSTROUTING -j "
-    "vexo_nat_POSTROUTING_MUX";
+// Logged by the control thread, which starts once the base tree is built.
+constexpr const char* kServing = "Created socket success";
 
 Strings lines(const std::string& text) {
     Strings out;
@@ -78,13 +78,27 @@ class RulesE2E : public ::testing::Test {
         root.writeConf(kConf);
     }
 
-    // Starts a daemon and waits until the base tree is built (for the `nth` time in
-    // this root's log).
+    // Starts a daemon and waits until it serves, which it does only after building
+    // the base tree (`nth`: the how-many-th daemon in this root's log). A command's
+    // PASS line is logged as it starts, so it cannot tell that the command is done.
     std::unique_ptr<DaemonProcess> startDaemon(size_t nth = 1) {
         auto d = std::make_unique<DaemonProcess>(root);
         d->start();
-        EXPECT_TRUE(d->waitForLog(kLastBaseCommand, std::chrono::seconds(20), nth)) << d->log();
+        EXPECT_TRUE(d->waitForLog(kServing, std::chrono::seconds(20), nth)) << d->log();
         return d;
+    }
+
+    // Polls until `chain` of `table` holds `expected`; returns what it holds last.
+    Strings waitForRules(const std::string& table, const std::string& chain,
+                         const Strings& expected) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        Strings seen;
+        do {
+            seen = rulesOf(ns->exec("iptables-save -t " + table), chain);
+            if (seen == expected) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        } while (std::chrono::steady_clock::now() < deadline);
+        return seen;
     }
 
     // Sends one control command: through vordctl when it is built, else directly.
@@ -192,12 +206,9 @@ TEST_F(RulesE2E, GatewayAndUidWhitelistFillTheEntryChain) {
     ASSERT_TRUE(daemon->waitUntilServing()) << daemon->log();
 
     send(4, "gateway", "192.168.1.1");
-    ASSERT_TRUE(daemon->waitForLog("-A vexo_MUX_wapper -m owner --uid-owner 10456 -j vexo_MUX"))
-        << daemon->log();
-    EXPECT_EQ(rulesOf(ns->exec("iptables-save -t mangle"), "vexo_MUX_wapper"),
-              (Strings{"-d 192.168.1.1/32 -j RETURN",
-                       "-m owner --uid-owner 10123 -j vexo_MUX",
-                       "-m owner --uid-owner 10456 -j vexo_MUX"}));
+    const Strings expected{"-d 192.168.1.1/32 -j RETURN", "-m owner --uid-owner 10123 -j vexo_MUX",
+                           "-m owner --uid-owner 10456 -j vexo_MUX"};
+    EXPECT_EQ(waitForRules("mangle", "vexo_MUX_wapper", expected), expected) << daemon->log();
 
     ASSERT_TRUE(daemon->stopThroughProperty()) << daemon->log();
     EXPECT_EQ(leftovers(*ns), Strings{});
