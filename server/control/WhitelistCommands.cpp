@@ -44,19 +44,19 @@ void handle(const WhitelistCommand& cmd, const char* text) {
 }  // namespace
 
 void setUidWhitelist(const char* text) {
-    handle({g_slaWhitelistPayload, &Parameters::setuidwhitelist, &Parameters::populateSlauidwhitelist,
-            &IptablesManager::setup_sla_uid_whitelist},
+    handle({g_slaWhitelistPayload, &Parameters::setuidwhitelist,
+            &Parameters::populateSlauidwhitelist, &IptablesManager::setup_sla_uid_whitelist},
            text);
 }
 
 void setDWUidWhitelist(const char* text) {
-    handle({g_dwWhitelistPayload, &Parameters::setDWUidWhitelist, &Parameters::populateDWUidWhitelist,
-            &IptablesManager::setup_double_wlan_uid_whitelist},
+    handle({g_dwWhitelistPayload, &Parameters::setDWUidWhitelist,
+            &Parameters::populateDWUidWhitelist, &IptablesManager::setup_double_wlan_uid_whitelist},
            text);
 }
 
 void setDDUidWhitelist(const char* text) {
-    handle({g_ddWhitelistPayload, &Parameters::setDDUidWhitelist, &Parameters::populateDDUidWhitelist,
-            &IptablesManager::setup_double_data_uid_whitelist},
+    handle({g_ddWhitelistPayload, &Parameters::setDDUidWhitelist,
+            &Parameters::populateDDUidWhitelist, &IptablesManager::setup_double_data_uid_whitelist},
            text);
 }

@@ -41,8 +41,8 @@ int IptablesManager::create_MUX_FWMARK_chain_for_iface(InterfaceInfo_t* info) {
         }
         result += run("%s -w -t mangle -A %s -j MARK --set-mark %s/%s", kIptables, chain,
                       info->fwmark, kMarkMask);
-        result += run("%s -w -t mangle -A %s -j CONNMARK --save-mark --ctmask %s", kIptables,
-                      chain, kMarkMask);
+        result += run("%s -w -t mangle -A %s -j CONNMARK --save-mark --ctmask %s", kIptables, chain,
+                      kMarkMask);
         result += run("%s -w -t mangle -A %s -j ACCEPT", kIptables, chain);
         result += run("%s -4 rule del fwmark %s/%s prio 14999", kIp, info->fwmark, kRouteMask);
         result += run("%s -4 rule add fwmark %s/%s table %s prio 14999", kIp, info->fwmark,

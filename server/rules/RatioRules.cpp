@@ -38,9 +38,10 @@ std::string linkName(const linkStatsWrapper_t& link) {
 }
 
 int addRule(float p, const char* target) {
-    return run("%s -w -t mangle -A vexo_SLA -p tcp -m state --state NEW -m statistic --mode "
-               "random --probability %f -j %s",
-               kIptables, static_cast<double>(p), target);
+    return run(
+        "%s -w -t mangle -A vexo_SLA -p tcp -m state --state NEW -m statistic --mode "
+        "random --probability %f -j %s",
+        kIptables, static_cast<double>(p), target);
 }
 
 }  // namespace

@@ -43,8 +43,8 @@ int run(const char* fmt, ...) {
     int n = vsnprintf(cmd, sizeof(cmd), fmt, ap);
     va_end(ap);
     if (n < 0 || static_cast<size_t>(n) >= sizeof(cmd)) {
-        ALOGE("%s command longer than %zu characters refused: %s...", "execnetd",
-              sizeof(cmd) - 1, printable(cmd).c_str());
+        ALOGE("%s command longer than %zu characters refused: %s...", "execnetd", sizeof(cmd) - 1,
+              printable(cmd).c_str());
         return -1;
     }
     return execnetd(cmd);

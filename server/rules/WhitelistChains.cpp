@@ -63,8 +63,8 @@ int IptablesManager::setup_mux_whitelist() {
             result += -1;
             continue;
         }
-        result += run("%s -w -t mangle -A vexo_MUX_wapper -d %s -j RETURN", kIptables,
-                      gateway.c_str());
+        result +=
+            run("%s -w -t mangle -A vexo_MUX_wapper -d %s -j RETURN", kIptables, gateway.c_str());
     }
     result += addUidRules(kFunc, gaming);
     result += addUidRules(kFunc, dw);
@@ -96,8 +96,8 @@ int IptablesManager::fillWrapperChains(const char* func, bool (*serves)(const In
                 result += -1;
                 continue;
             }
-            result += run("%s -w -t mangle -A %s -m owner --uid-owner %s -j vexo_fw_%s",
-                          kIptables, wrapper, uid.c_str(), info->name);
+            result += run("%s -w -t mangle -A %s -m owner --uid-owner %s -j vexo_fw_%s", kIptables,
+                          wrapper, uid.c_str(), info->name);
         }
     }
     return result;

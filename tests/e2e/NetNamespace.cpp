@@ -2,41 +2,29 @@
 
 #include <signal.h>
 #include <stdio.h>
-#include <sys/wait.h>
 #include <stdlib.h>
-#include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <sstream>
-#include <vector>
 
 namespace vord {
 namespace test {
 
 namespace {
 
-constexpr const char* kPrefix = "vord-e2e-";
+const std::string kPrefix = "vord-e2e-";  // then the creating pid
 
-struct Link {
-    const char* name;
-    int table;
-    int subnet;
-};
-const Link kLinks[] = {{"wlan0", 100, 1}, {"wlan1", 101, 2}, {"rmnet_data0", 102, 3}};
-
-// Namespaces left by an earlier run that was killed: their creator (whose pid is
-// part of the name) is gone.
+// Namespaces whose creator is gone (a killed run).
 void removeStaleNamespaces() {
     std::stringstream list(shell("ip netns list").output);
-    std::string line;
-    while (std::getline(list, line)) {
-        std::string ns = line.substr(0, line.find(' '));
-        if (ns.compare(0, strlen(kPrefix), kPrefix) != 0) continue;
-        pid_t creator = static_cast<pid_t>(atol(ns.c_str() + strlen(kPrefix)));
-        if (creator <= 0 || creator == getpid() || kill(creator, 0) == 0) continue;
-        shell("ip netns del " + ns);
-        if (ns.find("-peer") == std::string::npos) shell("rm -rf /etc/netns/" + ns);
+    std::string ns;
+    while (list >> ns) {
+        if (ns.compare(0, kPrefix.size(), kPrefix) != 0) continue;
+        pid_t creator = static_cast<pid_t>(atol(ns.c_str() + kPrefix.size()));
+        if (creator > 0 && kill(creator, 0) != 0)
+            shell("ip netns del " + ns + "; rm -rf /etc/netns/" + ns);
+        list.ignore(1 << 20, '\n');
     }
 }
 
@@ -47,44 +35,38 @@ ShellResult shell(const std::string& cmd) {
     FILE* p = popen((cmd + " 2>&1").c_str(), "r");
     if (p == nullptr) return r;
     char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), p)) > 0) r.output.append(buf, n);
+    for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;) r.output.append(buf, n);
     int status = pclose(p);
     r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return r;
 }
 
 NetNamespace::NetNamespace() {
-    static std::atomic<int> counter{0};
+    static int counter = 0;
     removeStaleNamespaces();
-    name_ = std::string(kPrefix) + std::to_string(getpid()) + "-" + std::to_string(counter++);
-    peer_ = name_ + "-peer";
-    step("ip netns add " + name_);
-    step("ip netns add " + peer_);
-    step("ip -n " + name_ + " link set lo up");
-    // Table names for `ip` inside the namespace: a copy of the host's files plus
-    // one line per link.
-    std::string etc = "/etc/netns/" + name_ + "/iproute2";
-    step("mkdir -p " + etc);
-    step("if [ -d /etc/iproute2 ]; then cp -a /etc/iproute2/. " + etc + "/; fi");
-    for (const Link& l : kLinks) {
-        std::string n = l.name, t = std::to_string(l.table), s = std::to_string(l.subnet);
-        std::string peerIf = "p" + std::to_string(l.subnet);
-        step("echo '" + t + " " + n + "' >> " + etc + "/rt_tables");
-        step("ip -n " + name_ + " link add " + n + " type veth peer name " + peerIf + " netns " +
-             peer_);
-        step("ip -n " + name_ + " addr add 10.99." + s + ".2/24 dev " + n);
-        step("ip -n " + peer_ + " addr add 10.99." + s + ".1/24 dev " + peerIf);
-        step("ip -n " + name_ + " link set " + n + " up");
-        step("ip -n " + peer_ + " link set " + peerIf + " up");
-        step("ip -n " + name_ + " route add default via 10.99." + s + ".1 dev " + n + " table " + t);
+    name_ = kPrefix + std::to_string(getpid()) + "-" + std::to_string(counter++);
+    const std::string in = "ip -n " + name_ + " ", peer = "ip -n " + name_ + "-peer ";
+    const std::string etc = "/etc/netns/" + name_ + "/iproute2";
+    step("ip netns add " + name_ + " && ip netns add " + name_ + "-peer && " + in +
+         "link set lo up");
+    step("mkdir -p " + etc + " && if [ -d /etc/iproute2 ]; then cp -a /etc/iproute2/. " + etc +
+         "/; fi");
+    int i = 0;
+    for (const std::string link : {"wlan0", "wlan1", "rmnet_data0"}) {
+        const std::string n = std::to_string(++i), table = std::to_string(99 + i);
+        step("echo '" + table + " " + link + "' >> " + etc + "/rt_tables");
+        step(in + "link add " + link + " type veth peer name p" + n + " netns " + name_ + "-peer");
+        step(in + "addr add 10.99." + n + ".2/24 dev " + link + " && " + in + "link set " + link +
+             " up");
+        step(peer + "addr add 10.99." + n + ".1/24 dev p" + n + " && " + peer + "link set p" + n +
+             " up");
+        step(in + "route add default via 10.99." + n + ".1 dev " + link + " table " + table);
     }
 }
 
 NetNamespace::~NetNamespace() {
-    shell("ip netns del " + name_);
-    shell("ip netns del " + peer_);
-    shell("rm -rf /etc/netns/" + name_);
+    shell("ip netns del " + name_ + "; ip netns del " + name_ + "-peer; rm -rf /etc/netns/" +
+          name_);
 }
 
 void NetNamespace::step(const std::string& cmd) {
@@ -94,10 +76,10 @@ void NetNamespace::step(const std::string& cmd) {
 }
 
 void NetNamespace::installTools(const TempRoot& root) const {
-    root.writeFile("/system/bin/iptables-wrapper-1.0",
-                   "#!/bin/sh\nexec ip netns exec " + name_ + " iptables \"$@\"\n", 0755);
-    root.writeFile("/system/bin/ip-wrapper-1.0",
-                   "#!/bin/sh\nexec ip netns exec " + name_ + " ip \"$@\"\n", 0755);
+    for (const char* tool : {"iptables", "ip"}) {
+        root.writeFile(std::string("/system/bin/") + tool + "-wrapper-1.0",
+                       "#!/bin/sh\nexec ip netns exec " + name_ + " " + tool + " \"$@\"\n", 0755);
+    }
 }
 
 std::string NetNamespace::exec(const std::string& cmd) const {

@@ -1,11 +1,10 @@
-// A throw-away network namespace that stands in for the handset's network stack.
-//
-// It holds the links "wlan0", "wlan1" and "rmnet_data0" (veth pairs whose other
-// ends live in a second namespace), each with an address, up, and a routing table
-// of its own name with a default route. The names of the tables are known to `ip`
-// run inside the namespace through /etc/netns/NS/iproute2, which `ip netns exec`
-// mounts over /etc/iproute2; the host's own configuration is never touched.
-// Everything is removed by the destructor, also when a test fails.
+// A throw-away network namespace standing in for the handset's network stack:
+// links "wlan0", "wlan1" and "rmnet_data0" (veth pairs into a peer namespace),
+// addressed and up, each with a routing table of its own name holding a default
+// route. The table names are known to `ip` inside the namespace through
+// /etc/netns/NS/iproute2, which `ip netns exec` mounts over /etc/iproute2; the
+// host's configuration is not touched. The destructor removes everything, also
+// after a failed test; a later run removes what a killed run left.
 #pragma once
 
 #include <string>
@@ -19,8 +18,6 @@ struct ShellResult {
     int status = -1;
     std::string output;  // standard output and standard error
 };
-
-// Runs `cmd` through /bin/sh.
 ShellResult shell(const std::string& cmd);
 
 class NetNamespace {
@@ -30,23 +27,16 @@ class NetNamespace {
     NetNamespace(const NetNamespace&) = delete;
     NetNamespace& operator=(const NetNamespace&) = delete;
 
-    // Empty when the namespace was set up; otherwise what went wrong.
+    // Empty when the set-up worked; else the failed step and its output.
     const std::string& error() const { return error_; }
-    const std::string& name() const { return name_; }
-
-    // Installs the rule tools under `root`'s /system/bin: both run the real
-    // iptables and ip inside this namespace.
+    // Installs the rule tools in `root`: the real iptables and ip, run in here.
     void installTools(const TempRoot& root) const;
-
-    // `cmd` run inside the namespace (e.g. "iptables-save -t mangle").
+    // Output of `cmd` run in here (e.g. "iptables-save -t mangle").
     std::string exec(const std::string& cmd) const;
 
   private:
     void step(const std::string& cmd);
-
-    std::string name_;
-    std::string peer_;
-    std::string error_;
+    std::string name_, error_;
 };
 
 }  // namespace test

@@ -6,71 +6,59 @@
 
 namespace {
 
-// True when some argument the tools received holds a blank, i.e. two words were
-// passed as one, or one of the words planted by the tests arrived.
-bool sawForeignText(const std::string& argv) {
-    for (const char* word : {"DROP", "reboot", ";", "[1]", "$("}) {
-        if (argv.find(word) != std::string::npos) return true;
-    }
-    bool inArg = false;
-    for (char c : argv) {
-        if (c == '[') inArg = true;
-        if (c == ']') inArg = false;
-        if (inArg && c == ' ') return true;
-    }
-    return false;
+// Registers a record as is, bypassing the registry's own checks.
+void addRawRecord(Parameters* params, const char* name, const char* table, const char* mark,
+                  bool slave) {
+    auto* record = static_cast<InterfaceInfo_t*>(calloc(1, sizeof(InterfaceInfo_t)));
+    snprintf(record->name, sizeof(record->name), "%s", name);
+    snprintf(record->routeTable, sizeof(record->routeTable), "%s", table);
+    snprintf(record->fwmark, sizeof(record->fwmark), "%s", mark);
+    record->slave = slave;
+    std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
+    params->interfaceInfoMap()[name] = record;
 }
 
 }  // namespace
 
-TEST_F(RulesTest, InjectedInterfaceTextNeverReachesACommand) {
-    // Records that the registry would have refused, planted directly.
-    addRawRecord("wlan1 -j DROP", "wlan1", "0x400000", false, true);
-    addRawRecord("rmnet_data0;reboot", "rmnet_data0", "0x600000", true, false);
-    addRawRecord("wlan0", "main;reboot", "0x200000", false, false);
-    addRawRecord("ccmni0", "ccmni0", "0x800000 -j DROP", false, false);
-    params->setuidwhitelist("10123");
-    params->populateSlauidwhitelist();
-    params->setDWUidWhitelist("10300");
-    params->populateDWUidWhitelist();
+TEST_F(RulesTest, InjectedTextNeverReachesACommand) {
+    addRawRecord(params, "wlan1 -j DROP", "wlan1", "0x400000", true);
+    addRawRecord(params, "rmnet_data0;reboot", "rmnet_data0", "0x600000", false);
+    addRawRecord(params, "wlan0", "main;reboot", "0x200000", false);
+    addRawRecord(params, "ccmni0", "ccmni0", "0x800000 -j DROP", false);
+    addRecord("rmnet_data1,1,rmnet_data1,0x600000,0,0,0,0,ffffffffffff");
+    setList(&Parameters::setuidwhitelist, &Parameters::populateSlauidwhitelist,
+            "1 -j ACCEPT,10123;reboot,10200");
+    setList(&Parameters::setDWUidWhitelist, &Parameters::populateDWUidWhitelist, "10300");
+    setList(&Parameters::setGamingUids, &Parameters::populateGamingUids,
+            "1 -j DROP,$(reboot),10456");
+    params->populateWifiGateway("1.1.1.1 -j DROP,10.0.0.1;x,192.168.1.1");
     params->setGamingRunning(1);
 
-    for (const char* name : {"wlan1 -j DROP", "rmnet_data0;reboot", "wlan0", "ccmni0"}) {
+    for (const char* name :
+         {"wlan1 -j DROP", "rmnet_data0;reboot", "wlan0", "ccmni0", "rmnet_data1"}) {
         manager->updateInterfaceIptables(name, true);
         manager->updateInterfaceIptables(name, false);
     }
-    EXPECT_EQ(manager->setup_SLS_iptables_UID_chains(), -1);
     EXPECT_EQ(manager->set_SLS_interface("wlan0 -j DROP"), -1);
-    EXPECT_EQ(manager->set_SLS_interface("$(reboot)"), -1);
-
     linkStatsWrapper_t bad;
     snprintf(bad.ifname, sizeof(bad.ifname), "%s", "wlan1 -j DROP");
-    bad.ratio = 1.0f;
     std::map<std::string, linkStatsWrapper_t*> slaMap{{bad.ifname, &bad}};
     EXPECT_EQ(manager->set_SLA_ratio_iptables(slaMap), -1);
 
-    EXPECT_FALSE(sawForeignText(argvSeen())) << argvSeen();
-    EXPECT_GE(log->count("refused interface name \"wlan1 -j DROP\""), 1u);
-    EXPECT_GE(log->count("refused route table \"main;reboot\""), 1u);
-    EXPECT_GE(log->count("refused mark \"0x800000 -j DROP\""), 1u);
-}
-
-TEST_F(RulesTest, InjectedUidsAndGatewaysNeverReachACommand) {
-    addRecord("rmnet_data0,1,rmnet_data0,0x600000,0,0,0,0,ffffffffffff");
-    params->setuidwhitelist("1 -j ACCEPT,10123;reboot,10200");
-    params->populateSlauidwhitelist();
-    params->setGamingUids("1 -j ACCEPT,$(reboot),10456");
-    params->populateGamingUids();
-    params->populateWifiGateway("1.1.1.1 -j DROP,10.0.0.1;x,192.168.1.1");
-
-    manager->setup_mux_whitelist();
-    manager->setup_sla_uid_whitelist();
-    manager->create_SLS_iptables_UID_for_interface(params->findInterface("rmnet_data0"));
-
-    std::string argv = argvSeen();
-    EXPECT_FALSE(sawForeignText(argv)) << argv;
+    for (const char* refusal :
+         {"refused interface name \"wlan1 -j DROP\"", "refused route table \"main;reboot\"",
+          "refused mark \"0x800000 -j DROP\""}) {
+        EXPECT_TRUE(log->contains(refusal)) << refusal;
+    }
+    std::string all;
+    for (const std::string& cmd : commands()) all += cmd + "\n";
+    for (const char* planted : {"DROP", "reboot", ";", "$(", "uid-owner 1 "}) {
+        EXPECT_EQ(all.find(planted), std::string::npos) << planted << " in\n" << all;
+    }
     // The good entries still get their rules.
-    EXPECT_NE(argv.find("[--uid-owner] [10200]"), std::string::npos);
-    EXPECT_NE(argv.find("[--uid-owner] [10456]"), std::string::npos);
-    EXPECT_NE(argv.find("[-d] [192.168.1.1]"), std::string::npos);
+    for (const char* good :
+         {"uid-owner 10200 -j vexo_fw_rmnet_data1", "uid-owner 10456 -j vexo_sls_rmnet_data1",
+          "-d 192.168.1.1 -j RETURN"}) {
+        EXPECT_NE(all.find(good), std::string::npos) << good;
+    }
 }
