@@ -25,7 +25,10 @@ int main(int /*argc*/, char** /*argv*/) {
     do {
         // One ratio evaluation: evalAndSetSLAInterfaceRatio().
         // One link-selection step: slsChooseInterface() (not built yet).
-        usleep(static_cast<uint32_t>(params->get(mini_est_interval)) * 1000u);
+        // The period is read afresh each time; 0 means no sleep at all (usleep(0)
+        // would still pay the kernel's timer slack).
+        uint32_t sleepUs = static_cast<uint32_t>(params->get(mini_est_interval)) * 1000u;
+        if (sleepUs != 0) usleep(sleepUs);
     } while (params->getSLAVendorProp() != 2);
 
     // Shutdown, in this order.
