@@ -9,6 +9,7 @@
 
 #include "config/Parameters.h"
 #include "control/VordSocketServer.h"
+#include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
 
 int main(int /*argc*/, char** /*argv*/) {
@@ -16,7 +17,7 @@ int main(int /*argc*/, char** /*argv*/) {
 
     // Start-up, in this order.
     Parameters* params = Parameters::instance();
-    // The rule manager builds its chain tree: IptablesManager::instance().
+    IptablesManager::instance();
     createSocketThreads(params);  // without a control channel the daemon runs on
     SlaStatsImpl* sla = SlaStatsImpl::instance();
     sla->enableSLA(true);
@@ -38,7 +39,7 @@ int main(int /*argc*/, char** /*argv*/) {
     sla->enableSLA(false);
     // Destroy the sockets of each gaming UID: killSocketsForUID() (not built yet).
     // Finalise link selection: SmartLinkSelection::cleanup() (not built yet).
-    // Remove every rule: IptablesManager::clean_MUX_iptables().
+    IptablesManager::clean_MUX_iptables();
     SlaStatsImpl::finalize();
     ALOGI("Vord exiting");
 

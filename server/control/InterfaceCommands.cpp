@@ -12,6 +12,7 @@
 
 #include "config/Parameters.h"
 #include "control/ControlState.h"
+#include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
 
 std::vector<std::string> interfacelist;
@@ -44,18 +45,22 @@ bool contains(const std::vector<std::string>& list, const std::string& name) {
 int addInterfaces(const char* name) {
     Parameters* params = controlParameters();
     if (params == nullptr) return -1;
+    IptablesManager* iptables = IptablesManager::instance();
     SlaStatsImpl* sla = SlaStatsImpl::instance();
     params->UpdateInterface(name, true);
     sla->updateSlaInterfacemap(name, true);
-    // Next: the interface's rules, link selection.
+    iptables->updateInterfaceIptables(name, true);
+    // Next: link selection.
     return 0;
 }
 
 int removeInterfaces(const char* name) {
     Parameters* params = controlParameters();
     if (params == nullptr) return -1;
+    IptablesManager* iptables = IptablesManager::instance();
     SlaStatsImpl* sla = SlaStatsImpl::instance();
     // The rules go first, while the record still exists.
+    iptables->updateInterfaceIptables(name, false);
     params->UpdateInterface(name, false);
     sla->updateSlaInterfacemap(name, false);
     return 0;

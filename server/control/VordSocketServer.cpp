@@ -41,6 +41,8 @@
 #include "control/ControlState.h"
 #include "control/InterfaceCommands.h"
 #include "control/SignalHandler.h"
+#include "control/WhitelistCommands.h"
+#include "rules/IptablesManager.h"
 
 namespace {
 
@@ -91,11 +93,12 @@ void updateWifiGateway(const char* text) {
         return;
     }
     memcpy(g_lastGateway, text, len + 1);
+    IptablesManager* iptables = IptablesManager::instance();
     Parameters* params = controlParameters();
-    if (params == nullptr) return;  // once the rule manager exists: `|| it is missing`
+    if (iptables == nullptr || params == nullptr) return;
     params->populateWifiGateway(text);
-    // RULES-HOOK: re-apply the whitelist chain, whose RETURN rules exempt the gateways:
-    // IptablesManager::instance()->setup_mux_whitelist();
+    // Re-apply the whitelist chain, whose RETURN rules exempt the gateways.
+    iptables->setup_mux_whitelist();
 }
 
 // Reads one record without blocking. Whatever arrives in one receive is one
@@ -308,12 +311,12 @@ void handleMessage(msg_t msg) {
     Parameters* params = controlParameters();
     switch (msg.id) {
         case 1: updateInterfaces(text); break;
-        case 2: notAvailableYet("setUidWhitelist", msg.id); break;
+        case 2: setUidWhitelist(text); break;
         case 3: if (params != nullptr) params->UpdateInterfaceMode(text); break;
         case 4: updateWifiGateway(text); break;
-        case 5: notAvailableYet("setDWUidWhitelist", msg.id); break;
+        case 5: setDWUidWhitelist(text); break;
         case 6: notAvailableYet("DoubleWifiMonitor", msg.id); break;
-        case 7: notAvailableYet("setDDUidWhitelist", msg.id); break;
+        case 7: setDDUidWhitelist(text); break;
         case 8: if (params != nullptr) params->UpdateInterfaceBssid(text); break;
         case 9: notAvailableYet("StartSlsServer", msg.id); break;
         case 10: notAvailableYet("StopSlsServer", msg.id); break;

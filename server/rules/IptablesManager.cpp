@@ -1,0 +1,132 @@
+// The rule manager singleton: base chain tree at construction, full teardown at
+// destruction, and the teardown walks over the registered interfaces.
+
+#define LOG_TAG "MUX-Vord-iptablesManager"
+
+#include "rules/IptablesManager.h"
+
+#include <log/log.h>
+
+#include "config/Parameters.h"
+#include "rules/RuleCommand.h"
+
+using rules::run;
+
+std::mutex g_iptablesMutex;
+
+namespace {
+
+// Guards the singleton pointer only; never held while commands run.
+std::mutex g_instanceMutex;
+IptablesManager* g_instance = nullptr;
+
+}  // namespace
+
+IptablesManager* IptablesManager::instance() {
+    std::lock_guard<std::mutex> lock(g_instanceMutex);
+    if (g_instance == nullptr) g_instance = new IptablesManager();
+    return g_instance;
+}
+
+void IptablesManager::clean_MUX_iptables() {
+    IptablesManager* manager = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(g_instanceMutex);
+        manager = g_instance;
+        g_instance = nullptr;
+    }
+    delete manager;
+}
+
+// Each base chain is created and then flushed, and each hook deleted before it is
+// added, so a start after a run that left its rules behind (a crash) ends with
+// empty base chains and exactly one hook of each kind. The tools' complaints about
+// existing chains and missing hooks are only logged.
+IptablesManager::IptablesManager() {
+    std::lock_guard<std::mutex> lock(g_iptablesMutex);
+    const char* ipt = rules::kIptables;
+    run("%s -w -t mangle -N vexo_MUX", ipt);
+    run("%s -w -t mangle -F vexo_MUX", ipt);
+    run("%s -w -t mangle -N vexo_SLA", ipt);
+    run("%s -w -t mangle -F vexo_SLA", ipt);
+    run("%s -w -t mangle -N vexo_SLS", ipt);
+    run("%s -w -t mangle -F vexo_SLS", ipt);
+    run("%s -w -t mangle -N vexo_MUX_wapper", ipt);
+    run("%s -w -t mangle -F vexo_MUX_wapper", ipt);
+    run("%s -w -t mangle -I vexo_MUX 1 -j vexo_SLS", ipt);
+    run("%s -w -t mangle -I vexo_MUX 2 -m state --state ESTABLISHED,RELATED -j CONNMARK "
+        "--restore-mark",
+        ipt);
+    run("%s -w -t mangle -I vexo_MUX 3 -j vexo_SLA", ipt);
+    run("%s -w -t mangle -D OUTPUT -j vexo_MUX_wapper", ipt);
+    run("%s -w -t mangle -A OUTPUT -j vexo_MUX_wapper", ipt);
+    run("%s -w -t nat -F vexo_nat_POSTROUTING_MUX", ipt);
+    run("%s -w -t nat -N vexo_nat_POSTROUTING_MUX", ipt);
+    run("%s -w -t nat -D POSTROUTING -j vexo_nat_POSTROUTING_MUX", ipt);
+    run("%s -w -t nat -I POSTROUTING -j vexo_nat_POSTROUTING_MUX", ipt);
+}
+
+// Hooks first; every chain is flushed before it is deleted, and deleted only after
+// every chain jumping to it has been flushed. Then the per-interface chains.
+IptablesManager::~IptablesManager() {
+    {
+        std::lock_guard<std::mutex> lock(g_iptablesMutex);
+        const char* ipt = rules::kIptables;
+        run("%s -w -t mangle -D OUTPUT -j vexo_MUX_wapper", ipt);
+        run("%s -w -t nat -D POSTROUTING -j vexo_nat_POSTROUTING_MUX", ipt);
+        run("%s -w -t nat -F vexo_nat_POSTROUTING_MUX", ipt);
+        run("%s -w -t nat -X vexo_nat_POSTROUTING_MUX", ipt);
+        run("%s -w -t mangle -F vexo_MUX_wapper", ipt);
+        run("%s -w -t mangle -X vexo_MUX_wapper", ipt);
+        run("%s -w -t mangle -F vexo_MUX", ipt);
+        run("%s -w -t mangle -X vexo_MUX", ipt);
+        run("%s -w -t mangle -F vexo_SLA", ipt);
+        run("%s -w -t mangle -X vexo_SLA", ipt);
+        run("%s -w -t mangle -F vexo_SLS", ipt);
+        run("%s -w -t mangle -X vexo_SLS", ipt);
+    }
+    cleanup_SLS_iptables_UID_chains();
+    cleanup_MUX_iptables_FWMARK_chains();
+}
+
+int IptablesManager::cleanup_SLS_iptables_UID_chains() {
+    static const char* const kFunc = "cleanup_SLS_iptables_UID_chains";
+    int failures = 0;
+    {
+        std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
+        for (auto& entry : Parameters::instance()->interfaceInfoMap()) {
+            InterfaceInfo_t* info = entry.second;
+            if (info == nullptr) continue;
+            if (remove_SLS_iptables_UID_for_interface(info) != 0) {
+                ALOGE("%s Remove UID chain for interface %s failed", kFunc, info->name);
+                ++failures;
+            }
+        }
+    }
+    if (failures != 0) {
+        ALOGE("%s Failure when removing SLS UID tables for all interfaces ", kFunc);
+        return -1;
+    }
+    return 0;
+}
+
+int IptablesManager::cleanup_MUX_iptables_FWMARK_chains() {
+    static const char* const kFunc = "cleanup_MUX_iptables_FWMARK_chains";
+    int failures = 0;
+    {
+        std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
+        for (auto& entry : Parameters::instance()->interfaceInfoMap()) {
+            InterfaceInfo_t* info = entry.second;
+            if (info == nullptr) continue;
+            if (remove_MUX_FWMARK_chain_for_iface(info) != 0) {
+                ALOGE("%s Cleanup FWMARK for interface %s failed", kFunc, info->name);
+                ++failures;
+            }
+        }
+    }
+    if (failures != 0) {
+        ALOGE("%s Failure when cleaning FWMARK tables for all interfaces ", kFunc);
+        return -1;
+    }
+    return 0;
+}

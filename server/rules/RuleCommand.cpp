@@ -1,0 +1,99 @@
+#define LOG_TAG "MUX-Vord-iptablesManager"
+
+#include "rules/RuleCommand.h"
+
+#include <log/log.h>
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <string>
+
+#include "config/Tokens.h"
+#include "rules/execnetd.h"
+
+namespace rules {
+
+namespace {
+
+// The refused text as it may be logged: control characters shown as "?", and cut
+// to 64 characters.
+std::string printable(const char* text) {
+    std::string out;
+    for (const char* p = text; *p && out.size() < 64; ++p) {
+        unsigned char c = static_cast<unsigned char>(*p);
+        out.push_back(c < 0x20 || c == 0x7f ? '?' : *p);
+    }
+    return out;
+}
+
+bool refuse(const char* func, const char* what, const char* text) {
+    ALOGE("%s refused %s \"%s\": no command issued for it", func, what,
+          printable(text == nullptr ? "" : text).c_str());
+    return false;
+}
+
+}  // namespace
+
+int run(const char* fmt, ...) {
+    char cmd[kCommandSize];
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(cmd, sizeof(cmd), fmt, ap);
+    va_end(ap);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(cmd)) {
+        ALOGE("%s command longer than %zu characters refused: %s...", "execnetd", sizeof(cmd) - 1,
+              printable(cmd).c_str());
+        return -1;
+    }
+    return execnetd(cmd);
+}
+
+bool chainName(char (&buf)[kChainSize], const char* func, const char* fmt, const char* name) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    int n = snprintf(buf, sizeof(buf), fmt, name);
+#pragma GCC diagnostic pop
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(buf)) {
+        buf[0] = '\0';
+        return refuse(func, "chain name for interface", name);
+    }
+    return true;
+}
+
+bool checkInterfaceName(const char* func, const char* name) {
+    if (name != nullptr && vord::isValidInterfaceName(name)) return true;
+    return refuse(func, "interface name", name);
+}
+
+bool checkRouteTable(const char* func, const char* table) {
+    if (table != nullptr && vord::isValidInterfaceName(table)) return true;
+    return refuse(func, "route table", table);
+}
+
+bool checkMark(const char* func, const char* mark) {
+    if (mark != nullptr && vord::isHexMark(mark)) return true;
+    return refuse(func, "mark", mark);
+}
+
+bool checkUid(const char* func, const char* uid) {
+    if (uid != nullptr && vord::isDecimalUid(uid)) return true;
+    return refuse(func, "UID", uid);
+}
+
+bool checkGateway(const char* func, const char* address) {
+    if (address != nullptr && vord::isIpAddressLiteral(address)) return true;
+    return refuse(func, "gateway address", address);
+}
+
+bool isCellular(const char* name) {
+    return strncmp(name, "rmnet_data", 10) == 0 || strncmp(name, "ccmni", 5) == 0 ||
+           strncmp(name, "wwan", 4) == 0;
+}
+
+bool needsWrapper(const InterfaceInfo_t& info) {
+    return info.metered || info.slave || isCellular(info.name);
+}
+
+}  // namespace rules
