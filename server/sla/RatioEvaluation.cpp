@@ -17,16 +17,14 @@
 #include <mutex>
 
 #include "config/Parameters.h"
+#include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
 
 namespace {
 
 // The rule update of the ratio rules ("vexo_SLA").
 int applyThroughRuleManager(std::map<std::string, linkStatsWrapper_t*>& copies) {
-    // >>> RULES: IptablesManager::instance()->set_SLA_ratio_iptables(copies) goes here once
-    // >>> the rule manager provides it.
-    (void)copies;
-    return 0;
+    return IptablesManager::instance()->set_SLA_ratio_iptables(copies);
 }
 
 bool isCellular(const InterfaceInfo_t* record) { return record->metered; }

@@ -141,7 +141,11 @@ TEST_F(RulesE2E, InterfaceListBuildsAndRemovesPerInterfaceRules) {
         EXPECT_FALSE(hasChain(gone)) << gone;
     }
     EXPECT_EQ(rules("mangle", "vexo_fw_wlan0").size(), 3u);
-    EXPECT_EQ(rules("mangle", "vexo_SLA"), Strings{});
+    // The removal empties the cascade; the next ratio evaluation may already have
+    // rewritten it, for the remaining link only.
+    for (const std::string& rule : rules("mangle", "vexo_SLA")) {
+        EXPECT_NE(rule.find("-j vexo_fw_wlan0"), std::string::npos) << rule;
+    }
     EXPECT_EQ(rules("nat", "vexo_nat_POSTROUTING_MUX"), (Strings{"-o wlan0 -j MASQUERADE"}));
     EXPECT_EQ(fwmarkRules(), (Strings{"fwmark 0x200000/0xce00000 lookup wlan0"}));
     stopAndExpectNothingLeft(*daemon);
