@@ -270,16 +270,16 @@ class Simulator {
         }
     }
 
-    bool writeVoip(const std::string& spec) {
-        size_t colon = spec.rfind(':');
+    bool writeVoip(const std::string& peer) {
+        size_t colon = peer.rfind(':');
         struct in_addr addr;
-        if (colon == std::string::npos || inet_pton(AF_INET, spec.substr(0, colon).c_str(), &addr) != 1) {
-            fprintf(stderr, "sla_stats_sim: --voip wants ADDR:PORT, got \"%s\"\n", spec.c_str());
+        if (colon == std::string::npos || inet_pton(AF_INET, peer.substr(0, colon).c_str(), &addr) != 1) {
+            fprintf(stderr, "sla_stats_sim: --voip wants ADDR:PORT, got \"%s\"\n", peer.c_str());
             return false;
         }
-        unsigned long port = strtoul(spec.c_str() + colon + 1, nullptr, 10);
+        unsigned long port = strtoul(peer.c_str() + colon + 1, nullptr, 10);
         if (port > 65535) {
-            fprintf(stderr, "sla_stats_sim: bad port in \"%s\"\n", spec.c_str());
+            fprintf(stderr, "sla_stats_sim: bad port in \"%s\"\n", peer.c_str());
             return false;
         }
         // The module prints the network-order address and port as little-endian
