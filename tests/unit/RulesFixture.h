@@ -7,7 +7,6 @@
 #include <stdlib.h>
 
 #include <memory>
-#include <string>
 #include <vector>
 
 #include <vord/LogCapture.h>
@@ -20,16 +19,14 @@
 using Strings = std::vector<std::string>;
 
 #define IPT "/system/bin/iptables-wrapper-1.0 -w -t mangle "
-#define IP_RULE "/system/bin/ip-wrapper-1.0 -4 rule "
 
 class RulesTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        for (const char* tool :
-             {"/system/bin/iptables-wrapper-1.0", "/system/bin/ip-wrapper-1.0"}) {
-            vord::test::TempRoot::writeAt(vord::resolvePath(tool), "#!/bin/sh\n", 0755);
+        for (const char* tool : {"iptables-wrapper-1.0", "ip-wrapper-1.0"}) {
+            vord::test::TempRoot::writeAt(vord::resolvePath("/system/bin/") + tool, "#!/bin/sh\n",
+                                          0755);
         }
-        params = Parameters::instance();
         manager = IptablesManager::instance();
         log = std::make_unique<vord::LogCapture>();
     }
@@ -74,7 +71,7 @@ class RulesTest : public ::testing::Test {
         return out;
     }
 
-    Parameters* params = nullptr;
+    Parameters* params = Parameters::instance();
     IptablesManager* manager = nullptr;
     std::unique_ptr<vord::LogCapture> log;
 };

@@ -1,5 +1,5 @@
-// Unit tests run in a private sandbox root, so that the process-wide store never
-// reads a real configuration file or property.
+// Every test program runs in a private sandbox root, so that the process-wide
+// store never reads a real configuration file or property.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
