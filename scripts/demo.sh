@@ -105,12 +105,14 @@ step "statistics simulator: wlan0 at 1000 kbit/s, rmnet_data0 at 500 kbit/s"
 printf 'wlan0=1000kbit\nrmnet_data0=500kbit\n' > "$sandbox/rates"
 "$bin/sla_stats_sim" --rates-file "$sandbox/rates" > "$sandbox/sim.log" 2>&1 < /dev/null &
 pids+=($!)
+disown
 sleep 0.5
 
 step "starting vord (VORD_ROOT=$sandbox)"
 "$bin/vord" 2> "$sandbox/vord.log" &
 pid=$!
 pids+=("$pid")
+disown
 wait_for "$sandbox/vord.log" "Created socket success" 30
 head -n 3 "$sandbox/vord.log"
 echo "..."
@@ -130,8 +132,12 @@ echo "-- the shares computed (Wi-Fi 1000/1600 = 0.625, cellular the rest):"
 grep -E 'Updated Ratio' "$sandbox/vord.log" | tail -n 2
 show_sla_rules
 if [ -n "$ns" ]; then
+    echo "-- whitelist chain (gateway exempt, then the whitelisted UID):"
+    ip netns exec "$ns" iptables-save -t mangle | grep -E '^-A vexo_MUX_wapper'
     echo "-- ip rule in $ns:"
     ip -n "$ns" rule | grep 14999
+else
+    grep -E 'vexo_MUX_wapper' "$sandbox/commands.log" | tail -n 2
 fi
 
 step "wlan0 drops to 400 kbit/s: the shares move, the rules follow"
@@ -148,7 +154,9 @@ show_sla_rules
 step "stopping it: setprop vendor.sla.enabled 2"
 "$bin/setprop" vendor.sla.enabled 2
 wait_for "$sandbox/vord.log" "Vord exiting" 30
-sed -n '/Mux disabled/,$p' "$sandbox/vord.log" | grep -vE 'EXECNETD FAIL' | tail -n 12
+grep -F "Mux disabled" "$sandbox/vord.log"
+echo "... $(sed -n '/Mux disabled/,$p' "$sandbox/vord.log" | grep -c 'COMMAND - PASS') rule commands remove every chain, hook and rule ..."
+sed -n '/Mux disabled/,$p' "$sandbox/vord.log" | grep -F -e 'enable=' -e "Vord exiting"
 if [ -n "$ns" ]; then
     echo "-- left in $ns after the stop:"
     { ip netns exec "$ns" iptables-save | grep vexo; ip -n "$ns" rule | grep 14999; } ||
