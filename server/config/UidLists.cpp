@@ -6,26 +6,10 @@
 
 #include <log/log.h>
 
+#include "config/TextList.h"
 #include "config/Tokens.h"
 
 namespace {
-
-// Splits at ",": entries untrimmed, adjacent commas give an empty entry, a
-// trailing comma adds none, an empty text gives none.
-std::vector<std::string> splitList(const std::string& text) {
-    std::vector<std::string> out;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t comma = text.find(',', start);
-        if (comma == std::string::npos) {
-            out.push_back(text.substr(start));
-            break;
-        }
-        out.push_back(text.substr(start, comma - start));
-        start = comma + 1;
-    }
-    return out;
-}
 
 constexpr size_t kUidLimit = 5;
 constexpr size_t kGatewayLimit = 16;
@@ -87,7 +71,7 @@ void Parameters::parseList(const std::string& source, std::vector<std::string>& 
                            size_t limit, bool needDecimal, bool needAddress,
                            const char* entryMsg, const char* errMsg, const char* funcName) {
     std::vector<std::string> parsed;
-    for (const std::string& entry : splitList(source)) {
+    for (const std::string& entry : vord::splitCommaList(source)) {
         if (limit != kNoLimit && entry.size() > limit) {
             ALOGE(errMsg, static_cast<unsigned long>(entry.size()));
             continue;

@@ -11,6 +11,7 @@
 #include <algorithm>
 
 #include "config/Parameters.h"
+#include "config/TextList.h"
 #include "control/ControlState.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
@@ -19,22 +20,6 @@ std::vector<std::string> interfacelist;
 std::vector<std::string> preinterfacelist;
 
 namespace {
-
-// Splits at ",": untrimmed names, adjacent commas give an empty name, a trailing
-// comma adds none.
-void splitInto(const char* list, std::vector<std::string>& out) {
-    std::string text(list);
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t comma = text.find(',', start);
-        if (comma == std::string::npos) {
-            out.push_back(text.substr(start));
-            break;
-        }
-        out.push_back(text.substr(start, comma - start));
-        start = comma + 1;
-    }
-}
 
 bool contains(const std::vector<std::string>& list, const std::string& name) {
     return std::find(list.begin(), list.end(), name) != list.end();
@@ -69,7 +54,7 @@ int removeInterfaces(const char* name) {
 void updateInterfaces(const char* list) {
     interfacelist.clear();
     if (list == nullptr) return;
-    splitInto(list, interfacelist);
+    interfacelist = vord::splitCommaList(list);
 
     for (const std::string& name : preinterfacelist) {
         if (contains(interfacelist, name)) continue;
@@ -83,7 +68,7 @@ void updateInterfaces(const char* list) {
     }
 
     preinterfacelist.clear();
-    splitInto(list, preinterfacelist);
+    preinterfacelist = vord::splitCommaList(list);
     for (const std::string& name : preinterfacelist) {
         ALOGI("preinterfacelist is %s", name.c_str());
     }

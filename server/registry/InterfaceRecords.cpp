@@ -8,9 +8,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <sstream>
 
 #include "config/Parameters.h"
+#include "config/TextList.h"
 #include "config/Tokens.h"
 
 namespace {
@@ -81,12 +81,9 @@ InterfaceInfo_t* Parameters::parseInterfaceParams(std::string params) {
         ALOGE("%s Check vord.conf for interface errors", "parseInterfaceParams");
         return nullptr;
     }
-    std::vector<std::string> fields;
-    std::istringstream stream(params);
-    std::string field;
-    while (std::getline(stream, field, ',')) {
-        fields.push_back(field);
-        ALOGI("parseInterfaceParams %s %d %d ", field.c_str(), static_cast<int>(fields.size()),
+    std::vector<std::string> fields = vord::splitCommaList(params);
+    for (size_t i = 0; i < fields.size(); ++i) {
+        ALOGI("parseInterfaceParams %s %d %d ", fields[i].c_str(), static_cast<int>(i + 1),
               kInterfaceFields);
     }
     if (fields.size() != kInterfaceFields) {

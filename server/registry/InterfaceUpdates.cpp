@@ -7,9 +7,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <sstream>
 
 #include "config/Parameters.h"
+#include "config/TextList.h"
 #include "config/Tokens.h"
 
 namespace {
@@ -19,13 +19,6 @@ bool isCellularName(const std::string& name) {
            name.compare(0, 4, "wwan") == 0;
 }
 
-std::vector<std::string> splitFields(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream stream(text);
-    std::string field;
-    while (std::getline(stream, field, ',')) out.push_back(field);
-    return out;
-}
 
 }  // namespace
 
@@ -47,7 +40,7 @@ std::string Parameters::getMeteredInterfaceSlaveStatus() {
 void Parameters::populatIfaceslist(const char* ifaces) {
     if (ifaces == nullptr) return;
     std::string mark = getValidInterfaceMark(ifaces);
-    std::vector<std::string> names = splitFields(ifaces);
+    std::vector<std::string> names = vord::splitCommaList(ifaces);
     std::string mode = getInterfaceMode();
     std::vector<std::string> params;
     for (const std::string& name : names) {
@@ -126,7 +119,7 @@ void Parameters::UpdateInterfaceBssid(const char* bssids) {
         if (*p != ':') copy.push_back(*p);
     }
     ALOGI("%s bssid is %s\n", "UpdateInterfaceBssid", copy.c_str());
-    std::vector<std::string> parts = splitFields(copy);
+    std::vector<std::string> parts = vord::splitCommaList(copy);
     for (const std::string& part : parts) {
         if (part.size() > 12) {
             ALOGE("%s token length error is %lu", "UpdateInterfaceBssid",

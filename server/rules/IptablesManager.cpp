@@ -89,44 +89,34 @@ IptablesManager::~IptablesManager() {
     cleanup_MUX_iptables_FWMARK_chains();
 }
 
-int IptablesManager::cleanup_SLS_iptables_UID_chains() {
-    static const char* const kFunc = "cleanup_SLS_iptables_UID_chains";
+int IptablesManager::forEachInterface(int (IptablesManager::*perInterface)(InterfaceInfo_t*),
+                                      const char* func, const char* failedFmt,
+                                      const char* summaryFmt) {
     int failures = 0;
     {
         std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
         for (auto& entry : Parameters::instance()->interfaceInfoMap()) {
             InterfaceInfo_t* info = entry.second;
             if (info == nullptr) continue;
-            if (remove_SLS_iptables_UID_for_interface(info) != 0) {
-                ALOGE("%s Remove UID chain for interface %s failed", kFunc, info->name);
+            if ((this->*perInterface)(info) != 0) {
+                ALOGE(failedFmt, func, info->name);
                 ++failures;
             }
         }
     }
     if (failures != 0) {
-        ALOGE("%s Failure when removing SLS UID tables for all interfaces ", kFunc);
+        ALOGE(summaryFmt, func);
         return -1;
     }
     return 0;
 }
 
+int IptablesManager::cleanup_SLS_iptables_UID_chains() {
+    return forEachInterface(&IptablesManager::remove_SLS_iptables_UID_for_interface, "cleanup_SLS_iptables_UID_chains",
+                            "%s Remove UID chain for interface %s failed", "%s Failure when removing SLS UID tables for all interfaces ");
+}
+
 int IptablesManager::cleanup_MUX_iptables_FWMARK_chains() {
-    static const char* const kFunc = "cleanup_MUX_iptables_FWMARK_chains";
-    int failures = 0;
-    {
-        std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
-        for (auto& entry : Parameters::instance()->interfaceInfoMap()) {
-            InterfaceInfo_t* info = entry.second;
-            if (info == nullptr) continue;
-            if (remove_MUX_FWMARK_chain_for_iface(info) != 0) {
-                ALOGE("%s Cleanup FWMARK for interface %s failed", kFunc, info->name);
-                ++failures;
-            }
-        }
-    }
-    if (failures != 0) {
-        ALOGE("%s Failure when cleaning FWMARK tables for all interfaces ", kFunc);
-        return -1;
-    }
-    return 0;
+    return forEachInterface(&IptablesManager::remove_MUX_FWMARK_chain_for_iface, "cleanup_MUX_iptables_FWMARK_chains",
+                            "%s Cleanup FWMARK for interface %s failed", "%s Failure when cleaning FWMARK tables for all interfaces ");
 }

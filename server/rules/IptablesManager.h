@@ -66,6 +66,12 @@ class IptablesManager {
     int setup_double_data_uid_whitelist();
 
   private:
+    // Runs `perInterface` on every registered record, in name order, under
+    // g_interfaceMapMutex; logs `failedFmt` (function, interface) for each
+    // failure and `summaryFmt` (function) once if any failed. 0 or -1.
+    int forEachInterface(int (IptablesManager::*perInterface)(InterfaceInfo_t*), const char* func,
+                         const char* failedFmt, const char* summaryFmt);
+
     IptablesManager();
     ~IptablesManager();
     IptablesManager(const IptablesManager&) = delete;

@@ -91,24 +91,8 @@ int IptablesManager::remove_SLS_iptables_UID_for_interface(InterfaceInfo_t* info
 }
 
 int IptablesManager::setup_SLS_iptables_UID_chains() {
-    static const char* const kFunc = "setup_SLS_iptables_UID_chains";
-    int failures = 0;
-    {
-        std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
-        for (auto& entry : Parameters::instance()->interfaceInfoMap()) {
-            InterfaceInfo_t* info = entry.second;
-            if (info == nullptr) continue;
-            if (create_SLS_iptables_UID_for_interface(info) != 0) {
-                ALOGE("%s Creating UID chain for interface %s failed", kFunc, info->name);
-                ++failures;
-            }
-        }
-    }
-    if (failures != 0) {
-        ALOGE("%s Failure when creating SLS UID tables for all interfaces ", kFunc);
-        return -1;
-    }
-    return 0;
+    return forEachInterface(&IptablesManager::create_SLS_iptables_UID_for_interface, "setup_SLS_iptables_UID_chains",
+                            "%s Creating UID chain for interface %s failed", "%s Failure when creating SLS UID tables for all interfaces ");
 }
 
 // Flush and append run under g_iptablesMutex, so no other group of commands (a
