@@ -115,6 +115,10 @@ TEST_F(RulesE2E, InterfaceListBuildsAndRemovesPerInterfaceRules) {
     EXPECT_EQ(rules("mangle", "vexo_fw_wlan0").size(), 3u);
     // The removal empties the cascade; the next ratio evaluation may already have
     // rewritten it, for the remaining link only.
+    std::string log = daemon->log();
+    size_t removal = log.find("remove Interfaces is wlan1");
+    ASSERT_NE(removal, std::string::npos);
+    EXPECT_NE(log.find("iptables-wrapper-1.0 -w -t mangle -F vexo_SLA", removal), std::string::npos);
     for (const std::string& rule : rules("mangle", "vexo_SLA")) {
         EXPECT_NE(rule.find("-j vexo_fw_wlan0"), std::string::npos) << rule;
     }
