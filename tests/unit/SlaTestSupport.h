@@ -5,13 +5,15 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <vord/RootPath.h>
 
@@ -21,56 +23,25 @@
 
 namespace slatest {
 
-inline uint64_t nowMs() {
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    return static_cast<uint64_t>(tv.tv_sec) * 1000u + static_cast<uint64_t>(tv.tv_usec) / 1000u;
-}
+constexpr uint8_t S = sla::kKindStart, K = sla::kKindSkip, I = sla::kKindInterval;
 
-inline void setRecord(sla::StatsBlock* b, uint32_t slot, uint64_t ts, uint32_t bytes, uint8_t kind,
-                      uint8_t flag = 0) {
-    b->records[slot] = sla::StatsRecord{ts, bytes, 0, kind, flag};
-}
+// A record `ageMs` before now.
+struct Rec { uint64_t ageMs; uint32_t bytes; uint8_t kind; uint8_t flag = 0; };
 
-// Writes a start record and then one closing record per interval, newest last,
-// the newest `ageMs` before now. `ms` and `bytes` list the intervals oldest first.
-inline void writeIntervals(sla::StatsBlock* b, std::initializer_list<uint32_t> ms, uint32_t bytes,
-                           uint64_t ageMs = 10) {
+// Writes `recs` oldest first from the ring's last slot on, so every walk over
+// them crosses the ring end; the newest record is the last one.
+inline void writeRecords(sla::StatsBlock* b, const std::vector<Rec>& recs) {
     memset(b, 0, sizeof(*b));
     b->magic = sla::kStatsMagic;
-    uint64_t total = 0;
-    for (uint32_t d : ms) total += d;
-    uint64_t ts = nowMs() - ageMs - total;
-    uint32_t slot = 0;
-    setRecord(b, slot++, ts, 0, sla::kKindStart);
-    for (uint32_t d : ms) {
-        ts += d;
-        setRecord(b, slot++, ts, bytes, sla::kKindInterval);
+    const uint64_t now = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                             std::chrono::system_clock::now().time_since_epoch()).count());
+    uint32_t slot = sla::kStatsRecordCount - 1;
+    for (const Rec& r : recs) {
+        b->records[slot] = sla::StatsRecord{now - r.ageMs, r.bytes, 0, r.kind, r.flag};
+        slot = (slot + 1) % sla::kStatsRecordCount;
     }
     b->index = slot;
 }
-
-// A block file "/proc/sla/<name>_mmap" in the sandbox root, mapped writable.
-class BlockFile {
-  public:
-    explicit BlockFile(const std::string& name)
-        : path_(vord::resolvePath("/proc/sla/" + name + "_mmap")) {
-        int fd = open(path_.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-        if (fd >= 0 && ftruncate(fd, sla::kStatsBlockSize) == 0) {
-            void* a = mmap(nullptr, sla::kStatsBlockSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-            if (a != MAP_FAILED) block = static_cast<sla::StatsBlock*>(a);
-        }
-        if (fd >= 0) close(fd);
-    }
-    ~BlockFile() {
-        if (block != nullptr) munmap(block, sla::kStatsBlockSize);
-        unlink(path_.c_str());
-    }
-    sla::StatsBlock* block = nullptr;
-
-  private:
-    std::string path_;
-};
 
 inline void registerInterface(const char* name, bool metered) {
     auto* info = static_cast<InterfaceInfo_t*>(calloc(1, sizeof(InterfaceInfo_t)));
@@ -81,18 +52,8 @@ inline void registerInterface(const char* name, bool metered) {
     Parameters::instance()->addNewInterfacetoMap(info);
 }
 
-inline void unregisterAll() {
-    Parameters* p = Parameters::instance();
-    std::vector<std::string> names;
-    {
-        std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
-        for (const auto& e : p->interfaceInfoMap()) names.push_back(e.first);
-    }
-    for (const auto& n : names) p->delOldInterfacetoMap(n.c_str());
-}
-
 // A fresh SlaStatsImpl with a plain file as the module's config channel; the
-// registry and the channel are emptied afterwards.
+// registry, the block files and the channel are removed afterwards.
 class SlaFixture : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -101,11 +62,35 @@ class SlaFixture : public ::testing::Test {
     }
     void TearDown() override {
         SlaStatsImpl::finalize();
-        unregisterAll();
+        const auto registry = Parameters::instance()->interfaceInfoMap();  // no other thread runs now
+        for (const auto& e : registry) Parameters::instance()->delOldInterfacetoMap(e.first.c_str());
+        for (const auto& f : files) {
+            munmap(f.second, sla::kStatsBlockSize);
+            unlink(f.first.c_str());
+        }
         unlink(config.c_str());
     }
+    // A block file "/proc/sla/<name>_mmap", mapped writable.
+    sla::StatsBlock* blockFile(const std::string& name) {
+        std::string path = vord::resolvePath("/proc/sla/" + name + "_mmap");
+        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        EXPECT_EQ(0, ftruncate(fd, sla::kStatsBlockSize));
+        void* a = mmap(nullptr, sla::kStatsBlockSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        close(fd);
+        EXPECT_NE(MAP_FAILED, a);
+        files.emplace_back(path, a);
+        return static_cast<sla::StatsBlock*>(a);
+    }
+    sla::StatsBlock* link(const char* name, bool metered) {
+        registerInterface(name, metered);
+        return blockFile(name);
+    }
+    // The caller holds g_slaMapMutex.
+    linkStatsWrapper_t* wrapper(const char* name) { return impl->slaInterfaceMap().at(name); }
+
     std::string config = vord::resolvePath("/proc/sla/config");
     SlaStatsImpl* impl = nullptr;
+    std::vector<std::pair<std::string, void*>> files;
 };
 
 }  // namespace slatest

@@ -1,134 +1,84 @@
 // The configuration lines, the block mapping and the VoIP state file.
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
-#include <memory>
+#include <sys/stat.h>
 
 #include <vord/LogCapture.h>
 
 #include "SlaTestSupport.h"
 #include "TempRoot.h"
-#include "sla/SlaStatsImpl.h"
 
 using namespace slatest;
 
-class SlaChannelTest : public SlaFixture {
-  protected:
-    void TearDown() override {
-        SlaFixture::TearDown();
-        unlink(vord::resolvePath("/proc/sla/sla_voip_state").c_str());
-    }
-    std::string written() { return vord::test::readWholeFile(config); }
-    // The lines as the module receives them: each with its NUL byte.
-    static std::string lines(std::initializer_list<const char*> list) {
-        std::string out;
-        for (const char* l : list) out.append(l, strlen(l) + 1);
-        return out;
-    }
-    void writeVoip(const std::string& text) {
-        FILE* f = fopen(vord::resolvePath("/proc/sla/sla_voip_state").c_str(), "w");
-        fputs(text.c_str(), f);
-        fclose(f);
-    }
-};
+namespace {
 
-TEST_F(SlaChannelTest, EnableWritesEachLineWithItsNulByte) {
+using namespace std::string_literals;
+using SlaChannelTest = SlaFixture;
+
+TEST_F(SlaChannelTest, ConfigLinesInOrderAndAnInterfaceChangeDisablesFirst) {
     EXPECT_TRUE(impl->enableSLA(true));
-    EXPECT_EQ(lines({"protocols=http,https", "ports=80,443", "enable=1"}), written());
-    std::lock_guard<std::mutex> lock(g_slaMapMutex);
-    EXPECT_TRUE(impl->slaInterfaceMap().empty());
+    link("wlan0", false);
+    link("rmnet_data0", true);
+    link("wlan1", false);
+    EXPECT_TRUE(impl->updateSlaInterfacemap("wlan1", true));
+    // Each line ends in its NUL byte.
+    EXPECT_EQ("protocols=http,https\0ports=80,443\0enable=1\0enable=0\0protocols=http,https\0ports=80,443\0"
+              "iface=rmnet_data0\0iface=wlan0\0iface=wlan1\0enable=1\0"s,
+              vord::test::readWholeFile(config));
 }
 
-TEST_F(SlaChannelTest, InterfacesAreAnnouncedInKeyOrderAndClassified) {
-    BlockFile w0("wlan0"), w1("wlan1"), r0("rmnet_data0");
+TEST_F(SlaChannelTest, ShortBlockUnreadFifoOrMissingModuleAreLoggedAndNothingBlocks) {
     registerInterface("wlan0", false);
-    registerInterface("rmnet_data0", false);  // cellular by name even when not metered
-    registerInterface("wlan1", true);         // metered Wi-Fi counts as WWAN
-    EXPECT_TRUE(impl->enableSLA(true));
-    EXPECT_EQ(lines({"protocols=http,https", "ports=80,443", "iface=rmnet_data0", "iface=wlan0",
-                     "iface=wlan1", "enable=1"}),
-              written());
-    std::lock_guard<std::mutex> lock(g_slaMapMutex);
-    auto& map = impl->slaInterfaceMap();
-    ASSERT_EQ(3u, map.size());
-    EXPECT_TRUE(map.at("wlan0")->stats->isWlan);
-    EXPECT_FALSE(map.at("rmnet_data0")->stats->isWlan);
-    EXPECT_FALSE(map.at("wlan1")->stats->isWlan);
-}
-
-TEST_F(SlaChannelTest, InterfaceChangeDisablesFirstAndRebuildsTheMap) {
-    BlockFile w0("wlan0");
-    registerInterface("wlan0", false);
-    vord::LogCapture log;
-    EXPECT_TRUE(impl->updateSlaInterfacemap("wlan1", false));
-    EXPECT_EQ(lines({"enable=0", "protocols=http,https", "ports=80,443", "iface=wlan0", "enable=1"}),
-              written());
-    EXPECT_TRUE(log.contains("I/MUX-Vord-SlaStatsImpl: m_slaInterfaceMap del wlan1 success!"));
-    EXPECT_TRUE(log.contains("initMmap + wlan0"));
-    std::lock_guard<std::mutex> lock(g_slaMapMutex);
-    EXPECT_NE(nullptr, impl->slaInterfaceMap().at("wlan0")->stats);
-}
-
-TEST_F(SlaChannelTest, ShortBlockFileIsNotMapped) {
-    registerInterface("wlan0", false);
-    // An empty block file (as O_CREAT leaves it) would fault on the first read.
+    // An empty block file would fault on the first read.
     close(open(vord::resolvePath("/proc/sla/wlan0_mmap").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
     vord::LogCapture log;
     EXPECT_FALSE(impl->initMmap());
     EXPECT_EQ(3u, log.count("is shorter than the statistics block"));
-    impl->evalAndSetSLAInterfaceRatio();
     unlink(vord::resolvePath("/proc/sla/wlan0_mmap").c_str());
-    std::lock_guard<std::mutex> lock(g_slaMapMutex);
-    EXPECT_EQ(nullptr, impl->slaInterfaceMap().at("wlan0")->stats);
-}
 
-TEST_F(SlaChannelTest, MissingModuleLeavesWrappersWithoutStatistics) {
+    // A config channel nobody reads fails instead of blocking.
+    unlink(config.c_str());
+    ASSERT_EQ(0, mkfifo(config.c_str(), 0644));
+    EXPECT_EQ(-1, impl->writeStatsConfFile("enable=1"));
+    EXPECT_TRUE(log.contains("open stats config file failed:No such device or address"));
+
+    // No module at all.
     vord::test::TempRoot bare;
     ASSERT_EQ(0, rmdir(bare.at("/proc/sla").c_str()));
     std::string previous = getenv("VORD_ROOT");
     setenv("VORD_ROOT", bare.path().c_str(), 1);
-    registerInterface("wlan0", false);
-    vord::LogCapture log;
     EXPECT_FALSE(impl->enableSLA(true));
     impl->evalAndSetSLAInterfaceRatio();
     setenv("VORD_ROOT", previous.c_str(), 1);
-
     EXPECT_EQ(4u, log.count("E/MUX-Vord-SlaStatsImpl: open stats config file failed:No such file or directory"));
     EXPECT_EQ(3u, log.count("E/MUX-Vord-SlaStatsImpl: open mmap file failed:No such file or directory"));
     std::lock_guard<std::mutex> lock(g_slaMapMutex);
     ASSERT_EQ(1u, impl->slaInterfaceMap().size());
-    EXPECT_EQ(nullptr, impl->slaInterfaceMap().at("wlan0")->stats);
+    EXPECT_EQ(nullptr, wrapper("wlan0")->stats);
 }
 
 TEST_F(SlaChannelTest, VoipTrackingLinesAndPeerState) {
     impl->enableSlaVoipState(true, "10123");
     impl->enableSlaVoipState(false, "10123");
-    EXPECT_EQ(lines({"voip_uid=10123", "voip_enable=1", "voip_enable=0", "voip_uid=10123"}), written());
+    EXPECT_EQ("voip_uid=10123\0voip_enable=1\0voip_enable=0\0voip_uid=10123\0"s,
+              vord::test::readWholeFile(config));
 
-    char address[32] = {}, port[32] = {};
+    const std::string voip = vord::resolvePath("/proc/sla/sla_voip_state");
     vord::LogCapture log;
+    char address[32] = "keep", port[32] = "keep";
     EXPECT_EQ(-1, impl->getSlaVoipState(address, port));
     EXPECT_TRUE(log.contains("open voip state file failed:"));
-
-    writeVoip("16777343,20480");  // 127.0.0.1, port 80
-    EXPECT_EQ(14, impl->getSlaVoipState(address, port));
-    EXPECT_STREQ("16777343", address);
-    EXPECT_STREQ("20480", port);
-
-    for (const char* odd : {"1234567", "1,2"}) {  // no comma; under 4 bytes
-        char a[32] = "keep", p[32] = "keep";
-        writeVoip(odd);
-        EXPECT_EQ(static_cast<int>(strlen(odd)), impl->getSlaVoipState(a, p));
-        EXPECT_STREQ("keep", a);
-        EXPECT_STREQ("keep", p);
+    const struct { const char *text, *address, *port; } cases[] = {
+        {"1234567", "keep", "keep"},                // no comma
+        {"1,2", "keep", "keep"},                    // under 4 bytes
+        {"16777343,20480", "16777343", "20480"}};  // 127.0.0.1, port 80
+    for (const auto& c : cases) {
+        vord::test::TempRoot::writeAt(voip, c.text);
+        EXPECT_EQ(static_cast<int>(strlen(c.text)), impl->getSlaVoipState(address, port));
+        EXPECT_STREQ(c.address, address) << c.text;
+        EXPECT_STREQ(c.port, port) << c.text;
     }
+    unlink(voip.c_str());
 }
 
-TEST_F(SlaChannelTest, ConfigFifoWithoutReaderFailsInsteadOfBlocking) {
-    unlink(config.c_str());
-    ASSERT_EQ(0, mkfifo(config.c_str(), 0644));
-    vord::LogCapture log;
-    EXPECT_EQ(-1, impl->writeStatsConfFile("enable=1"));
-    EXPECT_TRUE(log.contains("open stats config file failed:No such device or address"));
-}
+}  // namespace

@@ -1,147 +1,82 @@
-// Share computation, change test, per-period driver and its locking.
+// Shares from rates, the change test, the ratio log and the per-period driver.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
-#include <memory>
 #include <thread>
-#include <tuple>
-#include <vector>
 
 #include <vord/LogCapture.h>
 
 #include "SlaTestSupport.h"
-#include "sla/SlaStatsImpl.h"
 
 using namespace slatest;
 
-class SlaRatioTest : public SlaFixture {
-  protected:
-    // Registers the links (name, metered, rate), maps their blocks and sets the rates.
-    void links(std::initializer_list<std::tuple<const char*, bool, uint32_t>> list) {
-        for (const auto& l : list) {
-            registerInterface(std::get<0>(l), std::get<1>(l));
-            blocks.emplace_back(new BlockFile(std::get<0>(l)));
+namespace {
+
+struct Link { const char* name; bool metered; uint32_t rate; };
+
+// Links (wlan0 first), the shares wanted in link order, whether that is a change
+// and every link's share before.
+struct RatioCase { std::vector<Link> links; std::vector<float> want; bool changed = true; float old = 0; };
+
+void PrintTo(const RatioCase& c, std::ostream* os) {
+    for (const Link& l : c.links) *os << l.name << "=" << l.rate << ",";
+}
+
+class SlaRatioTest : public SlaFixture, public ::testing::WithParamInterface<RatioCase> {};
+
+// Wi-Fi alone shares by rate, a dominant link pinned at the cap; with cellular
+// links Wi-Fi takes rate / wifi_threshold (1600) and cellular the rest.
+TEST_P(SlaRatioTest, SharesFromRates) {
+    const RatioCase& c = GetParam();
+    for (const Link& l : c.links) link(l.name, l.metered);
+    ASSERT_TRUE(impl->enableSLA(true));
+    float cell = 0, wifi = 0, wifiMax = 0;
+    bool cellular = false;
+    {
+        std::lock_guard<std::mutex> lock(g_slaMapMutex);
+        for (const Link& l : c.links) {
+            wrapper(l.name)->linkRate = l.rate;
+            wrapper(l.name)->ratio = c.old;
+            (l.metered ? cell : wifi) += static_cast<float>(l.rate);
+            cellular |= l.metered;
+            if (!l.metered) wifiMax = std::max(wifiMax, static_cast<float>(l.rate));
         }
-        ASSERT_TRUE(impl->enableSLA(true));
-        for (const auto& l : list) set(std::get<0>(l), std::get<2>(l));
     }
-    void set(const char* name, uint32_t rate, float ratio = -1) {
-        std::lock_guard<std::mutex> lock(g_slaMapMutex);
-        linkStatsWrapper_t* w = impl->slaInterfaceMap().at(name);
-        w->linkRate = rate;
-        if (ratio >= 0) w->ratio = ratio;
-    }
-    float ratio(const char* name) {
-        std::lock_guard<std::mutex> lock(g_slaMapMutex);
-        return impl->slaInterfaceMap().at(name)->ratio;
-    }
-
-    std::vector<std::unique_ptr<BlockFile>> blocks;
-};
-
-TEST_F(SlaRatioTest, DominantWifiLinkIsCappedOtherwiseSharesFollowRates) {
-    links({{"wlan0", false, 900}, {"wlan1", false, 100}});
-    EXPECT_TRUE(impl->calcSlaRatios(SLA_CALC_WLAN_ONLY, 0, 1000, 900));
-    EXPECT_FLOAT_EQ(0.80f, ratio("wlan0"));
-    EXPECT_FLOAT_EQ(0.20f, ratio("wlan1"));
-    EXPECT_EQ(85u, Parameters::instance()->getWifiDominantTrigger());
-    EXPECT_EQ(80u, Parameters::instance()->getWifiDominantCap());
-
-    set("wlan0", 800);
-    set("wlan1", 200);
-    impl->calcSlaRatios(SLA_CALC_WLAN_ONLY, 0, 1000, 800);
-    EXPECT_FLOAT_EQ(0.8f, ratio("wlan0"));
-    EXPECT_FLOAT_EQ(0.2f, ratio("wlan1"));
-}
-
-TEST_F(SlaRatioTest, ThreeWifiLinksUseTheLowerTriggerAndCap) {
-    links({{"wlan0", false, 900}, {"wlan1", false, 50}, {"wlan2", false, 50}});
-    impl->calcSlaRatios(SLA_CALC_WLAN_ONLY, 0, 1000, 900);  // 0.9 > 0.80: capped at 0.75
-    EXPECT_FLOAT_EQ(0.75f, ratio("wlan0"));
-    EXPECT_FLOAT_EQ(0.125f, ratio("wlan1"));
-    EXPECT_FLOAT_EQ(0.125f, ratio("wlan2"));
-}
-
-TEST_F(SlaRatioTest, WifiScaledByThresholdCellularSharesTheRest) {
-    links({{"rmnet_data0", true, 1000}, {"wlan0", false, 800}});
-    impl->calcSlaRatios(SLA_CALC_WLAN_WWAN, 1000, 800, 800);
-    EXPECT_FLOAT_EQ(0.5f, ratio("wlan0"));
-    EXPECT_FLOAT_EQ(0.5f, ratio("rmnet_data0"));
-
-    // A cellular link without a rate gets what the Wi-Fi share leaves.
-    set("rmnet_data0", 0);
-    impl->calcSlaRatios(SLA_CALC_WLAN_WWAN, 0, 800, 800);
-    EXPECT_FLOAT_EQ(0.5f, ratio("wlan0"));
-    EXPECT_FLOAT_EQ(0.5f, ratio("rmnet_data0"));
-
-    // No rate anywhere: Wi-Fi takes everything.
-    set("wlan0", 0);
-    impl->calcSlaRatios(SLA_CALC_WLAN_WWAN, 0, 0, 0);
-    EXPECT_FLOAT_EQ(1.0f, ratio("wlan0"));
-    EXPECT_FLOAT_EQ(0.0f, ratio("rmnet_data0"));
-}
-
-TEST_F(SlaRatioTest, SmallMovesAreNotReportedAsChange) {
-    links({{"wlan0", false, 510}, {"wlan1", false, 490}});
-    set("wlan0", 510, 0.5f);
-    set("wlan1", 490, 0.5f);
-    EXPECT_FALSE(impl->calcSlaRatios(SLA_CALC_WLAN_ONLY, 0, 1000, 510));
-    EXPECT_FLOAT_EQ(0.51f, ratio("wlan0"));
-    set("wlan0", 600, 0.5f);
-    set("wlan1", 400, 0.5f);
-    EXPECT_TRUE(impl->calcSlaRatios(SLA_CALC_WLAN_ONLY, 0, 1000, 600));
-}
-
-TEST_F(SlaRatioTest, RatioLinesScrambleTheNameAndComeAtMostEverySixSeconds) {
-    links({{"wlan0", false, 800}});
     vord::LogCapture log;
-    impl->calcSlaRatios(SLA_CALC_WLAN_WWAN, 0, 800, 800);
-    EXPECT_TRUE(log.contains("I/MUX-Vord-SlaStatsImpl: calcSlaRatios SLA_RATIO oldRatio = 0.000000, "
-                             "new ratio = 0.500000, LRE = 800, iterf = \x28\x7D\x72\x7F\x41"));
-    log.clear();
-    impl->calcSlaRatios(SLA_CALC_WLAN_WWAN, 0, 800, 800);
-    EXPECT_FALSE(log.contains("SLA_RATIO"));
+    EXPECT_EQ(c.changed,
+              impl->calcSlaRatios(cellular ? SLA_CALC_WLAN_WWAN : SLA_CALC_WLAN_ONLY, cell, wifi, wifiMax));
+    // The name in the ratio line is scrambled: "wlan0" reads "(}r\x7FA".
+    EXPECT_TRUE(log.contains("LRE = " + std::to_string(c.links[0].rate) + ", iterf = \x28\x7D\x72\x7F\x41"));
+    std::lock_guard<std::mutex> lock(g_slaMapMutex);
+    for (size_t i = 0; i < c.links.size(); ++i)
+        EXPECT_FLOAT_EQ(c.want[i], wrapper(c.links[i].name)->ratio) << c.links[i].name;
 }
 
-TEST_F(SlaRatioTest, EvaluationEstimatesRatesAndHandsCopiesToTheRuleUpdate) {
-    // Defaults: estimate_pack_num 5, wan_threshold 500, no estimate cache.
-    std::vector<std::map<std::string, float>> applied;
-    impl->setRatioApplier([&](std::map<std::string, linkStatsWrapper_t*>& copies) {
-        std::map<std::string, float> got;
-        for (auto& e : copies) {
-            EXPECT_EQ(nullptr, e.second->stats);
-            got[e.second->ifname] = e.second->ratio;
-        }
-        applied.push_back(got);
-        return 0;
-    });
-    links({{"rmnet_data0", true, 0}, {"wlan0", false, 0}});
-    // 1000 kbit/s and 500 kbit/s over five 100 ms intervals each.
-    writeIntervals(blocks[0]->block, {100, 100, 100, 100, 100}, 6400);
-    writeIntervals(blocks[1]->block, {100, 100, 100, 100, 100}, 12800);
-    impl->evalAndSetSLAInterfaceRatio();
-    ASSERT_EQ(1u, applied.size());
-    EXPECT_FLOAT_EQ(0.625f, applied[0]["wlan0"]);
-    EXPECT_FLOAT_EQ(0.375f, applied[0]["rmnet_data0"]);
+INSTANTIATE_TEST_SUITE_P(
+    Rates, SlaRatioTest,
+    ::testing::Values(RatioCase{{{"wlan0", false, 900}, {"wlan1", false, 100}}, {0.80f, 0.20f}},
+                      RatioCase{{{"wlan0", false, 800}, {"wlan1", false, 200}}, {0.8f, 0.2f}},
+                      RatioCase{{{"wlan0", false, 900}, {"wlan1", false, 50}, {"wlan2", false, 50}},
+                                {0.75f, 0.125f, 0.125f}},
+                      RatioCase{{{"wlan0", false, 800}, {"rmnet_data0", true, 1000}}, {0.5f, 0.5f}},
+                      RatioCase{{{"wlan0", false, 800}, {"rmnet_data0", true, 0}}, {0.5f, 0.5f}},
+                      RatioCase{{{"wlan0", false, 0}, {"wlan1", false, 0}, {"rmnet_data0", true, 0}},
+                                {0.5f, 0.5f, 0.0f}},
+                      RatioCase{{{"wlan0", false, 510}, {"wlan1", false, 490}}, {0.51f, 0.49f}, false, 0.5f},
+                      RatioCase{{{"wlan0", false, 600}, {"wlan1", false, 400}}, {0.6f, 0.4f}, true, 0.5f}));
 
-    impl->evalAndSetSLAInterfaceRatio();  // same rates: nothing to apply
-    EXPECT_EQ(1u, applied.size());
+using SlaEvaluationTest = SlaFixture;
 
-    // One interval is too few: Wi-Fi counts as 0 and cellular takes everything.
-    writeIntervals(blocks[1]->block, {500}, 64000);
-    impl->evalAndSetSLAInterfaceRatio();
-    ASSERT_EQ(2u, applied.size());
-    EXPECT_FLOAT_EQ(0.0f, applied[1]["wlan0"]);
-    EXPECT_FLOAT_EQ(1.0f, applied[1]["rmnet_data0"]);
-}
-
-TEST_F(SlaRatioTest, InterfaceChangesWhileTheLoopEvaluates) {
-    std::atomic<int> applies{0};
-    impl->setRatioApplier([&](std::map<std::string, linkStatsWrapper_t*>&) { return ++applies; });
-    links({{"wlan0", false, 0}, {"rmnet_data0", true, 0}});
-    writeIntervals(blocks[0]->block, {100, 100, 100, 100, 100}, 12800);
-    BlockFile wlan1("wlan1");
-    writeIntervals(wlan1.block, {100, 100, 100, 100, 100}, 3200);
+TEST_F(SlaEvaluationTest, InterfaceCommandsWhileTheLoopEvaluates) {
+    impl->setRatioApplier([](std::map<std::string, linkStatsWrapper_t*>&) { return 0; });
+    // Five 100 ms intervals of 1000 kbit/s for each Wi-Fi link.
+    const std::vector<Rec> recs{{510, 0, S},      {410, 12800, I}, {310, 12800, I},
+                                {210, 12800, I}, {110, 12800, I}, {10, 12800, I}};
+    writeRecords(link("wlan0", false), recs);
+    writeRecords(blockFile("wlan1"), recs);
+    link("rmnet_data0", true);
+    ASSERT_TRUE(impl->enableSLA(true));
 
     std::atomic<bool> done{false};
     std::thread control([&] {
@@ -153,13 +88,10 @@ TEST_F(SlaRatioTest, InterfaceChangesWhileTheLoopEvaluates) {
         }
         done = true;
     });
-    int periods = 0;
-    while (!done) {
-        impl->evalAndSetSLAInterfaceRatio();
-        ++periods;
-    }
+    while (!done) impl->evalAndSetSLAInterfaceRatio();
     control.join();
-    EXPECT_GT(periods, 0);
     std::lock_guard<std::mutex> lock(g_slaMapMutex);
     EXPECT_EQ(2u, impl->slaInterfaceMap().size());
 }
+
+}  // namespace
