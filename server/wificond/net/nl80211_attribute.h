@@ -83,12 +83,6 @@ class NL80211Attr : public BaseNL80211Attr {
         std::copy(bytes, bytes + sizeof(T), data_.begin() + kNlaHeaderLength);
     }
     explicit NL80211Attr(const std::vector<uint8_t>& data) { data_ = data; }
-    ~NL80211Attr() override = default;
-
-    NL80211Attr(const NL80211Attr&) = default;
-    NL80211Attr& operator=(const NL80211Attr&) = default;
-    NL80211Attr(NL80211Attr&&) = default;
-    NL80211Attr& operator=(NL80211Attr&&) = default;
 
     // Base rule, and exactly one padded T: an 8-byte vector with nla_len 4 + sizeof(T).
     bool IsValid() const override {
@@ -116,12 +110,6 @@ class NL80211Attr<std::string> : public BaseNL80211Attr {
     // Payload: the characters of `value` and one NUL byte.
     NL80211Attr(int id, const std::string& value);
     explicit NL80211Attr(const std::vector<uint8_t>& data);
-    ~NL80211Attr() override = default;
-
-    NL80211Attr(const NL80211Attr&) = default;
-    NL80211Attr& operator=(const NL80211Attr&) = default;
-    NL80211Attr(NL80211Attr&&) = default;
-    NL80211Attr& operator=(NL80211Attr&&) = default;
 
     // The payload without its trailing NUL bytes.
     std::string GetValue() const;
@@ -133,12 +121,6 @@ class NL80211Attr<std::array<uint8_t, 6>> : public BaseNL80211Attr {
   public:
     NL80211Attr(int id, const std::array<uint8_t, 6>& value);
     explicit NL80211Attr(const std::vector<uint8_t>& data);
-    ~NL80211Attr() override = default;
-
-    NL80211Attr(const NL80211Attr&) = default;
-    NL80211Attr& operator=(const NL80211Attr&) = default;
-    NL80211Attr(NL80211Attr&&) = default;
-    NL80211Attr& operator=(NL80211Attr&&) = default;
 
     // The six bytes after the header; zeros when the vector is too short.
     std::array<uint8_t, 6> GetValue() const;
@@ -150,12 +132,6 @@ class NL80211NestedAttr : public BaseNL80211Attr {
     // Empty: just the header, nla_len 4, nla_type `id` as given.
     explicit NL80211NestedAttr(int id);
     explicit NL80211NestedAttr(const std::vector<uint8_t>& data);
-    ~NL80211NestedAttr() override = default;
-
-    NL80211NestedAttr(const NL80211NestedAttr&) = default;
-    NL80211NestedAttr& operator=(const NL80211NestedAttr&) = default;
-    NL80211NestedAttr(NL80211NestedAttr&&) = default;
-    NL80211NestedAttr& operator=(NL80211NestedAttr&&) = default;
 
     // Finds attribute `id` in the payload and replaces *attribute with a copy
     // of its bytes. Returns false when it is absent or when the copy isn't a
