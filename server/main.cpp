@@ -11,6 +11,7 @@
 #include "control/VordSocketServer.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
+#include "status/StatusSnapshot.h"
 
 int main(int /*argc*/, char** /*argv*/) {
     ALOGI("Vord (SLA+SLS) 3.0.4.5 starting daemon");
@@ -27,6 +28,7 @@ int main(int /*argc*/, char** /*argv*/) {
     do {
         sla->evalAndSetSLAInterfaceRatio();
         // One link-selection step: slsChooseInterface() (not built yet).
+        vord::status::updateStatusSnapshot(params, sla);
         // The period is read afresh each time; 0 means no sleep at all (usleep(0)
         // would still pay the kernel's timer slack).
         uint32_t sleepUs = static_cast<uint32_t>(params->get(mini_est_interval)) * 1000u;
@@ -42,6 +44,7 @@ int main(int /*argc*/, char** /*argv*/) {
     IptablesManager::clean_MUX_iptables();
     SlaStatsImpl::finalize();
     ALOGI("Vord exiting");
+    vord::status::writeStoppedStatusSnapshot(params);
 
     // Idle for ever: only a restart by the platform brings the features back.
     for (;;) sleep(600);

@@ -43,6 +43,7 @@
 #include "control/SignalHandler.h"
 #include "control/WhitelistCommands.h"
 #include "rules/IptablesManager.h"
+#include "status/Counters.h"
 
 namespace {
 
@@ -141,7 +142,10 @@ Next acceptClient(int listenFd, const sigset_t& waitMask, int& clientFd) {
 // are not stranded until the client writes again.
 void drain(int clientFd, int epfd, msg_t& buffer) {
     while (!stopRequested() && g_epollFd.load() == epfd && receiveRecord(clientFd, buffer)) {
-        if (buffer.length > kMaxTextLength) continue;
+        if (buffer.length > kMaxTextLength) {
+            vord::bump(vord::counters().controlRecordsRefused);
+            continue;
+        }
         ALOGI("recv msg: msg.id=%d, msg.length=%d, msg.message=[%s]\n", buffer.id, buffer.length,
               buffer.message);
         handleMessage(buffer);
@@ -309,6 +313,8 @@ void handleMessage(msg_t msg) {
     msg.message[VORD_MSG_TEXT_SIZE - 1] = '\0';
     const char* text = msg.message;
     Parameters* params = controlParameters();
+    vord::bump(msg.id >= 1 && msg.id <= 14 ? vord::counters().controlRecordsServed
+                                           : vord::counters().controlRecordsRefused);
     switch (msg.id) {
         case 1: updateInterfaces(text); break;
         case 2: setUidWhitelist(text); break;
