@@ -158,6 +158,7 @@ TEST(StatusWriterTest, WritesOnChangeAndOnHeartbeatOnly) {
     ASSERT_TRUE(parse(test::readWholeFile(path), &onDisk, &error)) << error;
     EXPECT_EQ(12600, onDisk.updatedMonoMs);
     EXPECT_EQ(1u, onDisk.controlRefused);
+    EXPECT_NE(0, access(resolvePath("/writer-test/a/.status.tmp").c_str(), F_OK)) << "temporary file left";
 }
 
 using StatusCollectorTest = slatest::SlaFixture;
