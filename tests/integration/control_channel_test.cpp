@@ -94,8 +94,11 @@ TEST_F(DaemonTest, ShortAndUnterminatedRecords) {
     ASSERT_TRUE(client.connect());
     for (const auto& c : cases) {
         ASSERT_TRUE(client.sendRaw(c.bytes));
-        // One receive per record: the next goes out once this one has been read.
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        // One receive per record: the next goes out once this one has been read
+        // (the dropped one is a whole 1032-byte record).
+        if (!c.logged.empty()) {
+            ASSERT_TRUE(daemon.waitForLog(c.logged)) << c.logged << "\n" << daemon.log();
+        }
     }
     ASSERT_TRUE(daemon.waitForLog("msg.message=[done]")) << daemon.log();
     const std::string log = daemon.log();
@@ -118,7 +121,7 @@ TEST_F(DaemonTest, StopAtStartRunsOneIterationThenShutsDownInOrder) {
     ASSERT_EQ(symlink(root.at("/record/commands").c_str(), root.at("/proc/sla/config").c_str()), 0);
     root.writeFile("/proc/sla/wlan0_mmap", kBlock);  // magic 0: every evaluation logs "not ready"
     root.setProperty("vendor.sla.enabled", "2");
-    ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=2500\n"));
+    ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=1500\n"));
     // The first evaluation runs right after the control thread starts; wlan0 comes
     // in during the sleep that follows it.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
