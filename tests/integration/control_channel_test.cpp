@@ -29,21 +29,24 @@ std::vector<size_t> inOrder(const std::string& text, const std::vector<std::stri
     return at;
 }
 
-#define EXPECT_IN_ORDER(text, ...)                                                     \
-    do {                                                                               \
-        const std::vector<std::string> needles{__VA_ARGS__};                           \
-        const auto at = inOrder(text, needles);                                        \
-        EXPECT_TRUE(at.size() == needles.size() && at.back() != std::string::npos)     \
-            << "missing or out of order: " << needles[at.size() - 1] << "\n" << text;  \
+#define EXPECT_IN_ORDER(text, ...)                                                 \
+    do {                                                                           \
+        const std::vector<std::string> needles{__VA_ARGS__};                       \
+        const auto at = inOrder(text, needles);                                    \
+        EXPECT_TRUE(at.size() == needles.size() && at.back() != std::string::npos) \
+            << "missing or out of order: " << needles[at.size() - 1] << "\n"       \
+            << text;                                                               \
     } while (0)
 
 TEST_F(DaemonTest, ClientCredentialsAndToolSignalState) {
     // The tool reports its own signal mask and ignored signals, read with shell
     // builtins only (no child, whose start would change the shell's mask).
-    root.writeFile("/system/bin/iptables-wrapper-1.0",
-                   "#!/bin/sh\nwhile IFS= read -r l; do case \"$l\" in Sig[BI]*) echo \"$l\";; esac; "
-                   "done < /proc/self/status >> '" + root.at("/record/signals") + "'\n",
-                   0755);
+    root.writeFile(
+        "/system/bin/iptables-wrapper-1.0",
+        "#!/bin/sh\nwhile IFS= read -r l; do case \"$l\" in Sig[BI]*) echo \"$l\";; esac; "
+        "done < /proc/self/status >> '" +
+            root.at("/record/signals") + "'\n",
+        0755);
     root.installRecordingTool("ip-wrapper-1.0");
     root.writeFile("/proc/sla/wlan0_mmap", kBlock);
     ASSERT_NO_FATAL_FAILURE(startDaemon());
@@ -55,7 +58,8 @@ TEST_F(DaemonTest, ClientCredentialsAndToolSignalState) {
     const std::string who = "pid=" + std::to_string(getpid()) + " uid=" + std::to_string(getuid());
     ASSERT_TRUE(daemon.waitForLog("control client hung up: " + who)) << daemon.log();
     EXPECT_IN_ORDER(daemon.log(), "I/MUX-Vord-VordSocket-Server: control client accepted: " + who,
-                    "socket EPOLLHUP error", "I/MUX-Vord-VordSocket-Server: control client hung up: " + who);
+                    "socket EPOLLHUP error",
+                    "I/MUX-Vord-VordSocket-Server: control client hung up: " + who);
 
     // Nothing blocked, nothing ignored. glibc's posix_spawn ignores its two
     // internal signals (32 and 33) in every child it starts; no other may be.
@@ -88,7 +92,8 @@ TEST_F(DaemonTest, ShortAndUnterminatedRecords) {
         {record(12, 0, ""), "msg.id=12, msg.length=0, msg.message=[]"},
         {std::string(5, '\x0c'), "msg.id=202116108, msg.length=12, msg.message=[]"},
         {record(12, 1024, std::string(1024, 'x')), ""},  // over the limit: dropped
-        {record(12, 1023, std::string(1024, 'y')), "msg.length=1023, msg.message=[" + std::string(1023, 'y') + "]"},
+        {record(12, 1023, std::string(1024, 'y')),
+         "msg.length=1023, msg.message=[" + std::string(1023, 'y') + "]"},
         {record(12, 4, "done"), "msg.message=[done]"},
     };
     ASSERT_TRUE(client.connect());
@@ -141,9 +146,9 @@ TEST_F(DaemonTest, StopAtStartRunsOneIterationThenShutsDownInOrder) {
         if (c == '\0') c = '\n';
     }
     const std::string ipt = "/system/bin/iptables-wrapper-1.0 -w -t ";
-    EXPECT_IN_ORDER(written, "iface=wlan0\nenable=1", ipt + "mangle -N vexo_fw_wlan0",
-                    "enable=0", ipt + "mangle -D OUTPUT -j vexo_MUX_wapper",
-                    ipt + "mangle -X vexo_SLS", ipt + "mangle -X vexo_fw_wlan0");
+    EXPECT_IN_ORDER(written, "iface=wlan0\nenable=1", ipt + "mangle -N vexo_fw_wlan0", "enable=0",
+                    ipt + "mangle -D OUTPUT -j vexo_MUX_wapper", ipt + "mangle -X vexo_SLS",
+                    ipt + "mangle -X vexo_fw_wlan0");
     EXPECT_TRUE(daemon.alive());
 }
 
@@ -156,7 +161,8 @@ TEST_F(DaemonTest, StopWithRecordsQueuedBehindARunningCommand) {
     ASSERT_TRUE(client.connect());
     // No block file that covers a block: mapping wlan0 is retried for 1.5 s.
     ASSERT_TRUE(client.send(1, "wlan0"));
-    for (const char* queued : {"queued-1", "queued-2", "queued-3"}) ASSERT_TRUE(client.send(12, queued));
+    for (const char* queued : {"queued-1", "queued-2", "queued-3"})
+        ASSERT_TRUE(client.send(12, queued));
     ASSERT_TRUE(daemon.waitForLog("add Interfaces is wlan0")) << daemon.log();
     ASSERT_TRUE(daemon.stopThroughProperty()) << daemon.log();
 

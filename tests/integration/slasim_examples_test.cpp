@@ -87,7 +87,8 @@ TEST_P(SlaStatsSimExample, DaemonReadsTheRatesAndSpreadsConnections) {
         dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
         setenv("VORD_ROOT", root.path().c_str(), 1);
         std::vector<char*> argv{const_cast<char*>(bin.c_str())};
-        for (size_t i = 1; i < words.size(); ++i) argv.push_back(const_cast<char*>(words[i].c_str()));
+        for (size_t i = 1; i < words.size(); ++i)
+            argv.push_back(const_cast<char*>(words[i].c_str()));
         argv.push_back(nullptr);
         execv(bin.c_str(), argv.data());
         _exit(127);

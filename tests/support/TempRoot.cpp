@@ -19,7 +19,8 @@ std::string readWholeFile(const std::string& path) {
 
 TempRoot::TempRoot() {
     const char* tmp = getenv("TMPDIR");
-    std::string tmpl = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/vord-test-XXXXXX";
+    std::string tmpl =
+        std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/vord-test-XXXXXX";
     if (mkdtemp(&tmpl[0]) == nullptr) throw std::runtime_error("mkdtemp failed in " + tmpl);
     path_ = tmpl;
     for (const char* dir : {"/vendor/etc/sla", "/dev/socket", "/proc/sla", "/system/bin",

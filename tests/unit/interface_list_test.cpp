@@ -2,15 +2,13 @@
 // previous one, in which order, and in which order one interface goes through
 // the registry, the statistics channel and the rules.
 #include <gtest/gtest.h>
-
 #include <string.h>
+#include <vord/LogCapture.h>
+#include <vord/RootPath.h>
 
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <vord/LogCapture.h>
-#include <vord/RootPath.h>
 
 #include "TempRoot.h"
 #include "config/Parameters.h"
@@ -61,7 +59,8 @@ class InterfaceListTest : public ::testing::Test {
     static Strings registered() {
         Strings names;
         std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
-        for (const auto& entry : Parameters::instance()->interfaceInfoMap()) names.push_back(entry.first);
+        for (const auto& entry : Parameters::instance()->interfaceInfoMap())
+            names.push_back(entry.first);
         return names;
     }
 };
@@ -78,7 +77,9 @@ TEST_F(InterfaceListTest, RemovalsBeforeAdditionsAgainstThePreviousList) {
         {"rmnet_data0,wlan0", {}, {"rmnet_data0", "wlan0"}},  // order does not matter
         {"wlan0,rmnet_data0", {}, {"rmnet_data0", "wlan0"}},
         {"wlan1", {"-wlan0", "-rmnet_data0", "+wlan1"}, {"wlan1"}},
-        {"wlan1,wlan0,wlan0", {"+wlan0", "+wlan0"}, {"wlan0", "wlan1"}},  // listed twice: added twice
+        {"wlan1,wlan0,wlan0",
+         {"+wlan0", "+wlan0"},
+         {"wlan0", "wlan1"}},                      // listed twice: added twice
         {"", {"-wlan1", "-wlan0", "-wlan0"}, {}},  // empty: every previous name goes
         {"", {}, {}},
     };
@@ -103,8 +104,9 @@ TEST_F(InterfaceListTest, OneInterfaceThroughTheSubsystemsInOrder) {
         {"wlan0",
          {"add Interfaces is wlan0", "m_interfaceInfoMap add wlan0 success!", "initMmap + wlan0",
           "-N vexo_fw_wlan0", "preinterfacelist is wlan0"}},
-        {"", {"remove Interfaces is wlan0", "-X vexo_fw_wlan0", "m_interfaceInfoMap del wlan0 success!",
-              "m_slaInterfaceMap del wlan0 success!"}},
+        {"",
+         {"remove Interfaces is wlan0", "-X vexo_fw_wlan0", "m_interfaceInfoMap del wlan0 success!",
+          "m_slaInterfaceMap del wlan0 success!"}},
     };
     for (const auto& step : steps) {
         vord::LogCapture log;

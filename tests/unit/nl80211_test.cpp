@@ -265,11 +265,13 @@ TEST(NetlinkUtils, DiscoveryOnAKernelWithoutNl80211FailsCleanly) {
     Bytes error = Reply(2, 0, 1);  // the first request takes sequence number 1
     const int32_t code = -2;
     memcpy(error.data() + 16, &code, 4);
-    ASSERT_EQ(send(kernel.get(), error.data(), error.size(), 0), static_cast<ssize_t>(error.size()));
+    ASSERT_EQ(send(kernel.get(), error.data(), error.size(), 0),
+              static_cast<ssize_t>(error.size()));
 
     vord::LogCapture log;
     EXPECT_FALSE(utils.DiscoverFamilyId());
-    EXPECT_TRUE(log.contains("Failed to get NL80211 family id")) << ::testing::PrintToString(log.lines());
+    EXPECT_TRUE(log.contains("Failed to get NL80211 family id"))
+        << ::testing::PrintToString(log.lines());
     EXPECT_EQ(utils.PendingRequestCountForTesting(), 0u);
 
     Bytes asked(8192);

@@ -155,7 +155,8 @@ uint32_t longestReadableInterval(double kbit, const EstimatorLimits& limits) {
 // The highest rate the daemon reads at kMinIntervalMs records, in kbit/s.
 double highestReadableRate(const EstimatorLimits& limits) {
     if (limits.packNum <= 1) return 1e12;
-    const double bytesPerMs = kByteMargin * kMaxEstimateBytes / (kMinIntervalMs * (limits.packNum - 1));
+    const double bytesPerMs =
+        kByteMargin * kMaxEstimateBytes / (kMinIntervalMs * (limits.packNum - 1));
     return bytesPerMs * 8000.0 / 1024.0;
 }
 
