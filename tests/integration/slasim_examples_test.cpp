@@ -61,6 +61,36 @@ TEST(SlaStatsSimHelp, ListsExactlyTheExamplesTested) {
     EXPECT_EQ(printed, tested) << help;
 }
 
+// The interval the simulator starts with, or its refusal, for the daemon's limits
+// (vord.conf in the root when given, else the defaults).
+TEST(SlaStatsSimHelp, IntervalFitsTheDaemonsEstimatorOrIsRefused) {
+    const struct {
+        const char* conf;  // nullptr: none
+        const char* args;
+        int status;
+        const char* output;
+    } cases[] = {
+        {nullptr, "wlan0=1200kbit rmnet_data0=600kbit", 124, "record interval 100 ms"},
+        {nullptr, "wlan0=8mbit rmnet_data0=4mbit", 124, "record interval 18 ms"},
+        {nullptr, "--interval 100 wlan0=8mbit", 2, "use --interval 18 or shorter"},
+        {nullptr, "wlan0=100mbit", 2, "the highest readable rate is 75000 kbit"},
+        {"estimate_pack_num=10 # x\nideal_est_window = 400\n", "wlan0=1200kbit", 124,
+         "record interval 40 ms"},
+        {"estimate_pack_num=10\n", "wlan0=2mbit", 124, "record interval 32 ms"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        TempRoot root;
+        if (c.conf != nullptr) root.writeConf(c.conf);
+        std::string out;
+        EXPECT_EQ(shell("timeout 0.5 " + binPath("sla_stats_sim") + " --no-config --root " +
+                            root.path() + " " + c.args + " </dev/null",
+                        &out),
+                  c.status);
+        EXPECT_NE(out.find(c.output), std::string::npos) << out;
+    }
+}
+
 class SlaStatsSimExample : public DaemonTest, public ::testing::WithParamInterface<size_t> {
   protected:
     void TearDown() override {

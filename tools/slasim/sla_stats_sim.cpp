@@ -234,6 +234,7 @@ class Simulator {
           m_limits(readLimits(root)) {}
 
     uint32_t intervalMs() const { return m_intervalMs; }
+    void startRunning() { m_running = true; }
 
     // Checks that the daemon can read every configured rate at the record
     // interval, choosing the interval when it is not fixed (and saying so when
@@ -357,7 +358,8 @@ class Simulator {
             fprintf(stderr, "sla_stats_sim: ignored \"%s\" (want IFNAME=RATE)\n", line.c_str());
             return;
         }
-        if (setRate(name, rate)) fitInterval(true);
+        // Before the start, main() checks all rates at once.
+        if (setRate(name, rate) && m_running) fitInterval(true);
     }
 
     // Re-reads the rates file when it changed since the last look.
@@ -507,6 +509,7 @@ class Simulator {
     uint32_t m_intervalMs;
     bool m_autoInterval;
     EstimatorLimits m_limits;
+    bool m_running = false;
     int m_configFd = -1;
     bool m_enabled = true;
     std::string m_pending;
@@ -585,11 +588,12 @@ int main(int argc, char** argv) {
         }
         if (!sim.setRate(name, rate)) return 1;
     }
+    sim.pollRatesFile(ratesFile);
     // A rate the daemon cannot read at the start is refused; later changes (stdin,
     // rates file) only warn.
     if (!sim.fitInterval(false)) return 2;
     printf("record interval %u ms\n", sim.intervalMs());
-    sim.pollRatesFile(ratesFile);
+    sim.startRunning();
     if (!voip.empty() && !sim.writeVoip(voip)) return 1;
     if (useConfig && !sim.openConfigFifo()) return 1;
 
