@@ -152,6 +152,11 @@ bool ControlClient::send(int id, const std::string& text, int length) {
     return fd_ >= 0 && ::send(fd_, &msg, sizeof(msg), MSG_NOSIGNAL) == sizeof(msg);
 }
 
+bool ControlClient::sendRaw(const std::string& bytes) {
+    return fd_ >= 0 && ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+                           static_cast<ssize_t>(bytes.size());
+}
+
 void ControlClient::close() {
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;

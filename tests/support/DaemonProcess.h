@@ -60,6 +60,8 @@ class ControlClient {
     bool connect(std::chrono::milliseconds timeout);
     // One record as one write of 1032 bytes. `length` defaults to the size of `text`.
     bool send(int id, const std::string& text, int length = -1);
+    // `bytes` as they are, in one write (a short or malformed record).
+    bool sendRaw(const std::string& bytes);
     void close();
 
   private:
