@@ -20,7 +20,7 @@ int runProbe(const ProbeOptions& o) {
         return 1;
     }
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    timeval tv{2, 0};
+    timeval tv{o.timeoutMs / 1000, (o.timeoutMs % 1000) * 1000};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
     if (setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, o.link.c_str(),
@@ -35,7 +35,8 @@ int runProbe(const ProbeOptions& o) {
     inet_pton(AF_INET, o.serverAddr.c_str(), &server.sin_addr);
     if (connect(fd, reinterpret_cast<sockaddr*>(&server), sizeof(server)) != 0) {
         fprintf(stderr, "vord-linklab probe: connect to %s over %s: %s\n",
-                addrText(server).c_str(), o.link.c_str(), errnoName(errno).c_str());
+                addrText(server).c_str(), o.link.c_str(),
+                errno == EINPROGRESS ? "timed out" : errnoName(errno).c_str());
         return 1;
     }
     int done = 0;

@@ -11,6 +11,7 @@ struct ProbeOptions {
     std::string lab, link, serverAddr;
     int serverPort = 0;
     int exchanges = 10;
+    int timeoutMs = 2000;  // for the connect and each send and receive
 };
 
 // Prints "link=L local=A:P rtt_us=N min_rtt_us=N rttvar_us=N exchanges=N";

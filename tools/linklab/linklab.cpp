@@ -64,9 +64,10 @@ const char kUsage[] =
     "                  reconnects when the connection is torn down; prints\n"
     "                  \"connected local=A:P peer=A:P link=L\",\n"
     "                  \"connection aborted: ECONNABORTED\", \"reconnected ...\"\n"
-    "  probe NAME LINK [--server ADDR:PORT] [--exchanges N]\n"
+    "  probe NAME LINK [--server ADDR:PORT] [--exchanges N] [--timeout MS]\n"
     "                  a TCP connection bound to LINK (SO_BINDTODEVICE), N (10)\n"
-    "                  echoed exchanges of 58 bytes, then the kernel's RTT:\n"
+    "                  echoed exchanges of 58 bytes, each step within MS (2000)\n"
+    "                  ms, then the kernel's RTT:\n"
     "                  \"link=L local=A:P rtt_us=N min_rtt_us=N rttvar_us=N exchanges=N\"\n"
     "  log NAME        the servers' connection log\n";
 
@@ -214,6 +215,9 @@ int cmdProbe(const std::string& lab, const std::vector<std::string>& args) {
             ++i;
         } else if (args[i] == "--exchanges" && hasValue &&
                    parseInt(args[i + 1], 1, 1000, o.exchanges)) {
+            ++i;
+        } else if (args[i] == "--timeout" && hasValue &&
+                   parseInt(args[i + 1], 1, 60000, o.timeoutMs)) {
             ++i;
         } else {
             return usage(("probe: unexpected \"" + args[i] + "\"").c_str());
