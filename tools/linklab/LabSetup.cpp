@@ -134,10 +134,12 @@ bool configure(const std::string& lab, const std::vector<LinkSpec>& links,
                              "dev", l.name});
         }
     }
+    // The sysctls first: no IPv6 chatter on a link once it is up.
+    if (!setSysctls(lab, links, error) || !setSysctls(peer, links, error)) return false;
     for (const auto& step : steps) {
         if (!run(step, error)) return false;
     }
-    return setSysctls(lab, links, error) && setSysctls(peer, links, error);
+    return true;
 }
 
 // Processes whose network namespace is `ns`.
