@@ -15,6 +15,8 @@
 //   app->waitForLine("connected ", 5s);  lab.cut("wlan0");
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -132,7 +134,10 @@ class LinkLab {
         std::string out;
         if (shell(cmd, &out) != 0) error_ = "\"" + cmd + "\" failed: " + out;
     }
-    ~LinkLab() { down(); }
+    ~LinkLab() {
+        std::string out;
+        if (shell(tool() + " down " + name_, &out) != 0) ADD_FAILURE() << "lab down: " << out;
+    }
     LinkLab(const LinkLab&) = delete;
     LinkLab& operator=(const LinkLab&) = delete;
 
@@ -140,7 +145,8 @@ class LinkLab {
     std::string peerName() const { return name_ + "-peer"; }
     // Empty when the lab was built; else the failed command and its output.
     const std::string& error() const { return error_; }
-    // Removes the lab (idempotent); true when nothing is left.
+    // Removes the lab (idempotent); true when nothing is left and the relay
+    // exited without a sanitizer report.
     bool down() { return shell(tool() + " down " + name_) == 0; }
 
     bool cut(const std::string& link) const { return run("cut " + name_ + " " + link); }

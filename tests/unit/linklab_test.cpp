@@ -26,6 +26,8 @@ TEST(LinkLabSpec, ParsesNameAndOneWayDelayAndRefusesTheRest) {
         {"wlan0", false, "", 0},
         {"=5", false, "", 0},
         {"lo=5", false, "", 0},
+        {"main=5", false, "", 0},  // a route table of its own already
+        {"all=5", false, "", 0},   // sysctl's name for every interface
         {"wl an=5", false, "", 0},
         {"-wlan=5", false, "", 0},
         {"wlan0;reboot=5", false, "", 0},

@@ -228,6 +228,15 @@ bool labDown(const std::string& lab, std::string& error) {
         }
     }
     bool ok = true;
+    // A sanitizer build of the relay reports into its log as it exits.
+    std::ifstream relayLog(relayLogPath(lab));
+    const std::string log((std::istreambuf_iterator<char>(relayLog)),
+                          std::istreambuf_iterator<char>());
+    if (log.find("Sanitizer") != std::string::npos ||
+        log.find("runtime error:") != std::string::npos) {
+        error = "the relay's log holds a sanitizer report:\n" + log;
+        ok = false;
+    }
     for (const std::string& ns : {lab, peerNamespace(lab)}) {
         if (netnsExists(ns)) ok = run({"ip", "netns", "del", ns}, error) && ok;
     }

@@ -26,7 +26,11 @@ bool validLabName(const std::string& name) {
 }
 
 bool validLinkName(const std::string& name) {
-    return name.size() < IFNAMSIZ && nameChars(name) && name != "lo";
+    // Not a name that means something else to ip's route tables or to sysctl.
+    for (const char* reserved : {"lo", "all", "default", "main", "local", "unspec"}) {
+        if (name == reserved) return false;
+    }
+    return name.size() < IFNAMSIZ && nameChars(name);
 }
 
 bool parseInt(const std::string& text, int lo, int hi, int& out) {
