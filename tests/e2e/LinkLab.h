@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -24,6 +26,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -126,6 +129,7 @@ class LinkLab {
 
     // `defaultLink` carries the main table's default route; the last link when empty.
     explicit LinkLab(const std::vector<Link>& links, const std::string& defaultLink = "") {
+        removeOrphans();
         static int counter = 0;
         name_ = "vlab-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
         std::string cmd = tool() + " up " + name_;
@@ -205,6 +209,21 @@ class LinkLab {
     static std::string tool() { return binPath("vord-linklab"); }
 
   private:
+    // Labs of test processes that died without their destructor (a killed
+    // test run): "vlab-PID-N" whose PID is gone.
+    static void removeOrphans() {
+        DIR* dir = opendir("/run/vord-linklab");
+        if (dir == nullptr) return;
+        std::vector<std::string> orphans;
+        while (const dirent* e = readdir(dir)) {
+            const std::string n = e->d_name;
+            if (n.compare(0, 5, "vlab-") != 0) continue;
+            const pid_t owner = static_cast<pid_t>(std::atol(n.c_str() + 5));
+            if (owner > 0 && kill(owner, 0) != 0 && errno == ESRCH) orphans.push_back(n);
+        }
+        closedir(dir);
+        for (const std::string& n : orphans) shell(tool() + " down " + n);
+    }
     bool run(const std::string& args) const { return shell(tool() + " " + args) == 0; }
     std::string output(const std::string& args) const {
         std::string out;

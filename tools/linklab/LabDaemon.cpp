@@ -95,7 +95,10 @@ bool LabDaemon::setUp(const std::vector<LinkSpec>& links, std::string& error) {
 
     sigset_t mask;
     sigemptyset(&mask);
-    for (int sig : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&mask, sig);
+    for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
+        signal(sig, SIG_DFL);  // an ignored signal would never reach the signalfd
+        sigaddset(&mask, sig);
+    }
     sigprocmask(SIG_BLOCK, &mask, nullptr);
     signal(SIGPIPE, SIG_IGN);
     signal_ = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);

@@ -65,6 +65,7 @@ bool startRelay(const std::string& lab, const std::vector<LinkSpec>& links,
     if (child == 0) {
         setsid();
         if (fork() != 0) _exit(0);
+        (void)!chdir("/");
         // The relay: no terminal, no descriptor of the caller (a test's pipes
         // would otherwise stay open until down).
         const int null = open("/dev/null", O_RDONLY);
