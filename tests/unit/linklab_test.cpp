@@ -1,14 +1,14 @@
-// The link lab's pure pieces: link specs (their names reach `ip` command lines)
+// The link lab's pure pieces: link settings (their names reach `ip` command lines)
 // and the delay line that holds a link's packets.
 #include <gtest/gtest.h>
 
 #include "DelayLine.h"
-#include "LabSpec.h"
+#include "LabConfig.h"
 
 namespace linklab {
 namespace {
 
-TEST(LinkLabSpec, ParsesNameAndOneWayDelayAndRefusesTheRest) {
+TEST(LinkLabConfig, ParsesNameAndOneWayDelayAndRefusesTheRest) {
     struct Case {
         const char* text;
         bool ok;
@@ -33,22 +33,22 @@ TEST(LinkLabSpec, ParsesNameAndOneWayDelayAndRefusesTheRest) {
         {"wlan0;reboot=5", false, "", 0},
     };
     for (const Case& c : cases) {
-        LinkSpec spec;
+        LinkConfig config;
         std::string error;
-        ASSERT_EQ(parseLinkSpec(c.text, 2, spec, error), c.ok) << c.text;
+        ASSERT_EQ(parseLinkArg(c.text, 2, config, error), c.ok) << c.text;
         if (!c.ok) {
             EXPECT_NE(error, "") << c.text;
             continue;
         }
-        EXPECT_EQ(spec.name, c.name);
-        EXPECT_EQ(spec.delayMs, c.delayMs);
+        EXPECT_EQ(config.name, c.name);
+        EXPECT_EQ(config.delayMs, c.delayMs);
     }
-    LinkSpec spec;
+    LinkConfig config;
     std::string error;
-    ASSERT_TRUE(parseLinkSpec("wlan1=5", 2, spec, error));
-    EXPECT_EQ(spec.handsetAddr(), "10.66.2.2");
-    EXPECT_EQ(spec.peerAddr(), "10.66.2.1");
-    EXPECT_EQ(spec.table(), 102);
+    ASSERT_TRUE(parseLinkArg("wlan1=5", 2, config, error));
+    EXPECT_EQ(config.handsetAddr(), "10.66.2.2");
+    EXPECT_EQ(config.peerAddr(), "10.66.2.1");
+    EXPECT_EQ(config.table(), 102);
 
     EXPECT_TRUE(validLabName("vlab-123-0"));
     for (const char* bad : {"", "-x", ".x", "a/b", "a b", "x$(id)",

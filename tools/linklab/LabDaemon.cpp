@@ -47,7 +47,7 @@ class LabDaemon {
         if (log_ != nullptr) fclose(log_);
     }
 
-    bool setUp(const std::vector<LinkSpec>& links, std::string& error);
+    bool setUp(const std::vector<LinkConfig>& links, std::string& error);
     int run();
 
   private:
@@ -69,7 +69,7 @@ class LabDaemon {
     bool stop_ = false;
 };
 
-bool LabDaemon::setUp(const std::vector<LinkSpec>& links, std::string& error) {
+bool LabDaemon::setUp(const std::vector<LinkConfig>& links, std::string& error) {
     const int handsetNs = openNetns(lab_), peerNs = openNetns(peerNamespace(lab_));
     bool ok = handsetNs >= 0 && peerNs >= 0;
     if (!ok) error = "the lab's namespaces do not exist";
@@ -216,7 +216,7 @@ std::string LabDaemon::handle(const std::string& line) {
 
 }  // namespace
 
-int runLabDaemon(const std::string& lab, const std::vector<LinkSpec>& links,
+int runLabDaemon(const std::string& lab, const std::vector<LinkConfig>& links,
                  const std::string& defaultLink, int readyFd) {
     // Wake-ups on time: the packets' hold times are what the lab is for. A
     // real-time priority keeps a busy machine (compilers, test runs) from

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "LabSpec.h"
+#include "LabConfig.h"
 
 namespace linklab {
 
@@ -13,7 +13,7 @@ namespace linklab {
 // TUN devices and servers exist, then serves until SIGTERM. Returns the exit
 // status. On a set-up failure it prints the reason and returns 1 without
 // writing to `readyFd`.
-int runLabDaemon(const std::string& lab, const std::vector<LinkSpec>& links,
+int runLabDaemon(const std::string& lab, const std::vector<LinkConfig>& links,
                  const std::string& defaultLink, int readyFd);
 
 // Sends one control line ("cut wlan0", "restore wlan0", "delay wlan0 50",

@@ -38,7 +38,7 @@ bool run(const std::vector<std::string>& argv, std::string& error) {
 
 // Route-table names for `ip` inside the lab: "ip netns exec NAME" (and
 // "ip -n NAME") mount /etc/netns/NAME/iproute2 over /etc/iproute2.
-bool writeTableNames(const std::string& lab, const std::vector<LinkSpec>& links,
+bool writeTableNames(const std::string& lab, const std::vector<LinkConfig>& links,
                      std::string& error) {
     const std::string dir = etcDir(lab) + "/iproute2";
     if (!run({"mkdir", "-p", dir}, error)) return false;
@@ -47,14 +47,14 @@ bool writeTableNames(const std::string& lab, const std::vector<LinkSpec>& links,
     }
     std::ofstream tables(dir + "/rt_tables", std::ios::app);
     if (!exists("/etc/iproute2/rt_tables")) tables << "255\tlocal\n254\tmain\n253\tdefault\n";
-    for (const LinkSpec& l : links) tables << l.table() << "\t" << l.name << "\n";
+    for (const LinkConfig& l : links) tables << l.table() << "\t" << l.name << "\n";
     tables.close();
     if (!tables) error = "cannot write " + dir + "/rt_tables";
     return static_cast<bool>(tables);
 }
 
 // Starts the relay as a detached process; waits until it has made the devices.
-bool startRelay(const std::string& lab, const std::vector<LinkSpec>& links,
+bool startRelay(const std::string& lab, const std::vector<LinkConfig>& links,
                 const std::string& defaultLink, std::string& error) {
     int ready[2];
     if (pipe2(ready, O_CLOEXEC) != 0) {
@@ -93,14 +93,14 @@ bool startRelay(const std::string& lab, const std::vector<LinkSpec>& links,
 
 // rp_filter off: replies may come back on another link than the one a
 // connection left by (e.g. before MASQUERADE is in place). No IPv6 on the links.
-bool setSysctls(const std::string& ns, const std::vector<LinkSpec>& links, std::string& error) {
+bool setSysctls(const std::string& ns, const std::vector<LinkConfig>& links, std::string& error) {
     const pid_t pid = fork();
     if (pid == 0) {
         std::string e;
         if (!enterNetns(ns, e)) _exit(1);
         bool ok = writeSysctl("net/ipv4/conf/all/rp_filter", "0") &&
                   writeSysctl("net/ipv4/conf/default/rp_filter", "0");
-        for (const LinkSpec& l : links) {
+        for (const LinkConfig& l : links) {
             ok = writeSysctl("net/ipv4/conf/" + l.name + "/rp_filter", "0") && ok;
             writeSysctl("net/ipv6/conf/" + l.name + "/disable_ipv6", "1");
         }
@@ -113,7 +113,7 @@ bool setSysctls(const std::string& ns, const std::vector<LinkSpec>& links, std::
     return false;
 }
 
-bool configure(const std::string& lab, const std::vector<LinkSpec>& links,
+bool configure(const std::string& lab, const std::vector<LinkConfig>& links,
                const std::string& defaultLink, std::string& error) {
     const std::string peer = peerNamespace(lab);
     std::vector<std::vector<std::string>> steps = {
@@ -122,7 +122,7 @@ bool configure(const std::string& lab, const std::vector<LinkSpec>& links,
         {"ip", "-n", peer, "addr", "add", std::string(kProbeServerAddr) + "/32", "dev", "lo"},
         {"ip", "-n", peer, "addr", "add", std::string(kAppServerAddr) + "/32", "dev", "lo"},
     };
-    for (const LinkSpec& l : links) {
+    for (const LinkConfig& l : links) {
         const std::string table = std::to_string(l.table());
         steps.push_back({"ip", "-n", lab, "addr", "add", l.handsetAddr() + "/24", "dev", l.name});
         steps.push_back({"ip", "-n", lab, "link", "set", l.name, "up"});
@@ -188,7 +188,7 @@ bool labExists(const std::string& lab) {
            exists(etcDir(lab));
 }
 
-bool labUp(const std::string& lab, const std::vector<LinkSpec>& links,
+bool labUp(const std::string& lab, const std::vector<LinkConfig>& links,
            const std::string& defaultLink, std::string& error) {
     if (labExists(lab)) {
         error = "lab " + lab + " exists (vord-linklab down " + lab + " removes it)";

@@ -5,13 +5,13 @@
 #include <string>
 #include <vector>
 
-#include "LabSpec.h"
+#include "LabConfig.h"
 
 namespace linklab {
 
 // Builds lab `lab` with `links`; the main table's default route goes out of
 // `defaultLink`. On failure tears down what was built and returns false.
-bool labUp(const std::string& lab, const std::vector<LinkSpec>& links,
+bool labUp(const std::string& lab, const std::vector<LinkConfig>& links,
            const std::string& defaultLink, std::string& error);
 
 // Stops the relay and every process inside the lab's namespaces, deletes the

@@ -8,7 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "LabSpec.h"
+#include "LabConfig.h"
 #include "Sys.h"
 
 namespace linklab {

@@ -47,16 +47,16 @@ Relay::~Relay() {
     }
 }
 
-bool Relay::addLink(const LinkSpec& spec, int handsetNs, int peerNs, std::string& error) {
+bool Relay::addLink(const LinkConfig& config, int handsetNs, int peerNs, std::string& error) {
     Link link;
-    link.spec = spec;
+    link.config = config;
     if (setns(handsetNs, CLONE_NEWNET) != 0) {
         error = "setns: " + errnoName(errno);
         return false;
     }
-    link.handsetFd = openTun(spec.name, error);
+    link.handsetFd = openTun(config.name, error);
     if (link.handsetFd < 0) return false;
-    if (setns(peerNs, CLONE_NEWNET) != 0 || (link.peerFd = openTun(spec.name, error)) < 0) {
+    if (setns(peerNs, CLONE_NEWNET) != 0 || (link.peerFd = openTun(config.name, error)) < 0) {
         if (error.empty()) error = "setns: " + errnoName(errno);
         close(link.handsetFd);
         return false;
@@ -79,12 +79,12 @@ void Relay::onReadable(size_t index, bool handsetSide, int64_t now) {
             continue;
         }
         if (handsetSide) noteSyn(index, buf, static_cast<size_t>(n));
-        if (link.spec.delayMs == 0 && dir.line.empty()) {
+        if (link.config.delayMs == 0 && dir.line.empty()) {
             ++dir.passed;
             (void)!write(out, buf, static_cast<size_t>(n));
             continue;
         }
-        dir.line.push(now, static_cast<int64_t>(link.spec.delayMs) * 1000000, buf,
+        dir.line.push(now, static_cast<int64_t>(link.config.delayMs) * 1000000, buf,
                       static_cast<size_t>(n));
     }
 }
@@ -120,7 +120,7 @@ int64_t Relay::nextRelease() const {
 
 Relay::Link* Relay::find(const std::string& name) {
     for (Link& l : links_) {
-        if (l.spec.name == name) return &l;
+        if (l.config.name == name) return &l;
     }
     return nullptr;
 }
@@ -141,17 +141,17 @@ bool Relay::setCut(const std::string& name, bool cut) {
 bool Relay::setDelay(const std::string& name, int delayMs) {
     Link* l = find(name);
     if (l == nullptr) return false;
-    l->spec.delayMs = delayMs;
+    l->config.delayMs = delayMs;
     return true;
 }
 
 std::string Relay::status() const {
     std::string out;
     for (const Link& l : links_) {
-        out += l.spec.name + " delay=" + std::to_string(l.spec.delayMs) +
-               "ms rtt=" + std::to_string(2 * l.spec.delayMs) + "ms state=" +
-               (l.cut ? "cut" : "up") + " handset=" + l.spec.handsetAddr() +
-               " peer=" + l.spec.peerAddr() + " table=" + std::to_string(l.spec.table()) +
+        out += l.config.name + " delay=" + std::to_string(l.config.delayMs) +
+               "ms rtt=" + std::to_string(2 * l.config.delayMs) + "ms state=" +
+               (l.cut ? "cut" : "up") + " handset=" + l.config.handsetAddr() +
+               " peer=" + l.config.peerAddr() + " table=" + std::to_string(l.config.table()) +
                " up_packets=" + std::to_string(l.up.passed) +
                " down_packets=" + std::to_string(l.down.passed) +
                " dropped=" + std::to_string(l.up.dropped + l.down.dropped) + "\n";
@@ -179,7 +179,7 @@ void Relay::noteSyn(size_t link, const char* p, size_t size) {
 std::string Relay::linkOfConnection(uint32_t src, uint16_t srcPort, uint32_t dst,
                                     uint16_t dstPort) const {
     const auto it = synLink_.find(FlowKey(src, srcPort, dst, dstPort));
-    return it == synLink_.end() ? "" : links_[it->second].spec.name;
+    return it == synLink_.end() ? "" : links_[it->second].config.name;
 }
 
 }  // namespace linklab

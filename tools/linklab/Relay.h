@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "DelayLine.h"
-#include "LabSpec.h"
+#include "LabConfig.h"
 
 namespace linklab {
 
@@ -21,7 +21,7 @@ class Relay {
 
     // Creates the link's two TUN devices; the namespaces are given as open
     // /run/netns files. Leaves the calling thread in the peer namespace.
-    bool addLink(const LinkSpec& spec, int handsetNs, int peerNs, std::string& error);
+    bool addLink(const LinkConfig& config, int handsetNs, int peerNs, std::string& error);
     size_t linkCount() const { return links_.size(); }
     int fd(size_t link, bool handsetSide) const {
         return handsetSide ? links_[link].handsetFd : links_[link].peerFd;
@@ -50,7 +50,7 @@ class Relay {
         uint64_t passed = 0, dropped = 0;
     };
     struct Link {
-        LinkSpec spec;
+        LinkConfig config;
         bool cut = false;
         int handsetFd = -1, peerFd = -1;
         Direction up, down;  // up: handset to peer

@@ -16,7 +16,7 @@
 #include "AppClient.h"
 #include "LabDaemon.h"
 #include "LabSetup.h"
-#include "LabSpec.h"
+#include "LabConfig.h"
 #include "Probe.h"
 #include "Sys.h"
 
@@ -90,7 +90,7 @@ int request(const std::string& lab, const std::string& line, bool print) {
 }
 
 int cmdUp(const std::string& lab, const std::vector<std::string>& args) {
-    std::vector<LinkSpec> links;
+    std::vector<LinkConfig> links;
     std::set<std::string> names;
     std::string defaultLink, error;
     for (size_t i = 0; i < args.size(); ++i) {
@@ -98,12 +98,12 @@ int cmdUp(const std::string& lab, const std::vector<std::string>& args) {
             defaultLink = args[++i];
             continue;
         }
-        LinkSpec spec;
-        if (!parseLinkSpec(args[i], static_cast<int>(links.size()) + 1, spec, error)) {
+        LinkConfig config;
+        if (!parseLinkArg(args[i], static_cast<int>(links.size()) + 1, config, error)) {
             return usage(error.c_str());
         }
-        if (!names.insert(spec.name).second) return usage(("link " + spec.name + " twice").c_str());
-        links.push_back(spec);
+        if (!names.insert(config.name).second) return usage(("link " + config.name + " twice").c_str());
+        links.push_back(config);
     }
     if (links.empty()) return usage("up needs at least one LINK=MS");
     if (links.size() > static_cast<size_t>(kMaxLinks)) return usage("too many links");
@@ -120,7 +120,7 @@ int cmdUp(const std::string& lab, const std::vector<std::string>& args) {
     }
     printf("lab %s up: handset namespace %s, peer namespace %s, default route via %s\n",
            lab.c_str(), lab.c_str(), peerNamespace(lab).c_str(), defaultLink.c_str());
-    for (const LinkSpec& l : links) {
+    for (const LinkConfig& l : links) {
         printf("  %s: one-way %d ms (round trip %d ms), handset %s, peer %s, table %s (%d)\n",
                l.name.c_str(), l.delayMs, 2 * l.delayMs, l.handsetAddr().c_str(),
                l.peerAddr().c_str(), l.name.c_str(), l.table());

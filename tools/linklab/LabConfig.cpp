@@ -1,4 +1,4 @@
-#include "LabSpec.h"
+#include "LabConfig.h"
 
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -45,7 +45,7 @@ bool parseInt(const std::string& text, int lo, int hi, int& out) {
     return true;
 }
 
-bool parseLinkSpec(const std::string& text, int index, LinkSpec& out, std::string& error) {
+bool parseLinkArg(const std::string& text, int index, LinkConfig& out, std::string& error) {
     const size_t eq = text.find('=');
     if (eq == std::string::npos) {
         error = "link \"" + text + "\": expected NAME=MS (one-way delay in milliseconds)";

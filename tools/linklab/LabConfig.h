@@ -15,7 +15,7 @@ constexpr int kAppServerPort = 8080;
 constexpr int kMaxLinks = 16;
 constexpr int kMaxDelayMs = 10000;
 
-struct LinkSpec {
+struct LinkConfig {
     std::string name;  // interface name in both namespaces
     int delayMs = 0;   // one-way delay, applied in each direction
     int index = 0;     // 1-based, in the order given; picks the subnet and table
@@ -30,7 +30,7 @@ struct LinkSpec {
 bool validLabName(const std::string& name);
 bool validLinkName(const std::string& name);
 // Parses "NAME=MS"; false with `error` set when it is not valid.
-bool parseLinkSpec(const std::string& text, int index, LinkSpec& out, std::string& error);
+bool parseLinkArg(const std::string& text, int index, LinkConfig& out, std::string& error);
 // Parses a decimal integer in [lo, hi].
 bool parseInt(const std::string& text, int lo, int hi, int& out);
 // Parses "A.B.C.D:PORT".
