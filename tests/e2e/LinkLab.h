@@ -45,8 +45,8 @@ class LabClient {
   public:
     explicit LabClient(const std::vector<std::string>& args) {
         static int counter = 0;
-        out_ = "/tmp/vord-labclient-" + std::to_string(getpid()) + "-" +
-               std::to_string(counter++) + ".log";
+        out_ = "/tmp/vord-labclient-" + std::to_string(getpid()) + "-" + std::to_string(counter++) +
+               ".log";
         std::vector<std::string> copy = args;
         std::vector<char*> argv;
         for (std::string& a : copy) argv.push_back(a.data());
@@ -166,7 +166,9 @@ class LinkLab {
 
     // Output (stdout and stderr) of `cmd` run in the handset namespace; `cmd`
     // goes through the shell first, so pipes run outside.
-    std::string exec(const std::string& cmd) const { return output("exec " + name_ + " -- " + cmd); }
+    std::string exec(const std::string& cmd) const {
+        return output("exec " + name_ + " -- " + cmd);
+    }
     std::string execPeer(const std::string& cmd) const {
         return output("exec " + name_ + " --peer -- " + cmd);
     }
@@ -189,9 +191,9 @@ class LinkLab {
     // The kernel's smoothed RTT (µs) of a TCP connection bound to `link` after
     // `exchanges` echoed 58-byte exchanges with the probe server; -1 on failure.
     long probeRttUs(const std::string& link, int exchanges = 10, int timeoutMs = 2000) const {
-        const std::string out = output("probe " + name_ + " " + link + " --exchanges " +
-                                       std::to_string(exchanges) + " --timeout " +
-                                       std::to_string(timeoutMs));
+        const std::string out =
+            output("probe " + name_ + " " + link + " --exchanges " + std::to_string(exchanges) +
+                   " --timeout " + std::to_string(timeoutMs));
         const size_t at = out.find(" rtt_us=");
         return at == std::string::npos ? -1 : std::stol(out.substr(at + 8));
     }
@@ -200,8 +202,8 @@ class LinkLab {
     // talking to the application server (or `server`, "ADDR:PORT").
     std::unique_ptr<LabClient> startClient(int uid, const std::string& server = "",
                                            int intervalMs = 100) const {
-        std::vector<std::string> args = {tool(), "client", name_, "--uid", std::to_string(uid),
-                                         "--interval", std::to_string(intervalMs)};
+        std::vector<std::string> args = {tool(), "client", name_, "--uid", std::to_string(uid)};
+        args.insert(args.end(), {"--interval", std::to_string(intervalMs)});
         if (!server.empty()) args.insert(args.end(), {"--server", server});
         return std::make_unique<LabClient>(args);
     }

@@ -55,7 +55,8 @@ TEST_F(LinkLabE2E, KernelRttOfEachLinkIsTwiceItsOneWayDelay) {
         const long want = 2000L * oneWayMs, slack = 1000 + want / 20;
         long rtt = -1;
         // A probe again when a busy machine stretched one sample.
-        for (int attempt = 0; attempt < 3 && (rtt < 0 || std::labs(rtt - want) > slack); ++attempt) {
+        for (int attempt = 0; attempt < 3 && (rtt < 0 || std::labs(rtt - want) > slack);
+             ++attempt) {
             rtt = lab.probeRttUs(link);
         }
         EXPECT_NEAR(rtt, want, slack) << link;
@@ -67,7 +68,8 @@ TEST_F(LinkLabE2E, KernelRttOfEachLinkIsTwiceItsOneWayDelay) {
     const std::string log = lab.connectionLog();
     for (size_t i = 0; i < links.size(); ++i) {
         EXPECT_NE(log.find("echo accept peer=10.66." + std::to_string(i + 1) + ".2:"),
-                  std::string::npos) << log;
+                  std::string::npos)
+            << log;
         EXPECT_NE(log.find(" link=" + links[i].name + "\n"), std::string::npos) << log;
     }
     ASSERT_TRUE(lab.setDelay("wlan0", 5));
@@ -83,8 +85,7 @@ TEST_F(LinkLabE2E, TablesNamedAfterLinksAndTheAppClientFollowsTheMainRoute) {
     EXPECT_EQ(lab.exec("ip route show table wlan0"), "default via 10.66.1.1 dev wlan0 \n");
     EXPECT_EQ(lab.exec("ip route show table rmnet_data0"),
               "default via 10.66.2.1 dev rmnet_data0 \n");
-    EXPECT_NE(lab.exec("ip route show").find("default via 10.66.1.1 dev wlan0"),
-              std::string::npos);
+    EXPECT_NE(lab.exec("ip route show").find("default via 10.66.1.1 dev wlan0"), std::string::npos);
 
     auto app = lab.startClient(10123);
     const std::string first = app->waitForLine("connected ", 5s);

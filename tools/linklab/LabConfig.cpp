@@ -58,8 +58,8 @@ bool parseLinkArg(const std::string& text, int index, LinkConfig& out, std::stri
         return false;
     }
     if (!parseInt(text.substr(eq + 1), 0, kMaxDelayMs, out.delayMs)) {
-        error = "link \"" + out.name + "\": delay must be 0.." + std::to_string(kMaxDelayMs) +
-                " ms";
+        error =
+            "link \"" + out.name + "\": delay must be 0.." + std::to_string(kMaxDelayMs) + " ms";
         return false;
     }
     return true;

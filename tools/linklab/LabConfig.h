@@ -37,11 +37,11 @@ bool parseInt(const std::string& text, int lo, int hi, int& out);
 bool parseAddrPort(const std::string& text, std::string& addr, int& port);
 
 std::string peerNamespace(const std::string& lab);
-std::string runDir(const std::string& lab);      // /run/vord-linklab/NAME
-std::string controlPath(const std::string& lab); // control socket of the relay
+std::string runDir(const std::string& lab);       // /run/vord-linklab/NAME
+std::string controlPath(const std::string& lab);  // control socket of the relay
 std::string pidPath(const std::string& lab);
 std::string connectionLogPath(const std::string& lab);
 std::string relayLogPath(const std::string& lab);
-std::string etcDir(const std::string& lab);      // /etc/netns/NAME
+std::string etcDir(const std::string& lab);  // /etc/netns/NAME
 
 }  // namespace linklab

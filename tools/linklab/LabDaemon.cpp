@@ -55,7 +55,8 @@ class LabDaemon {
         epoll_event ev{};
         ev.events = events;
         ev.data.u64 = t;
-        if (epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &ev) != 0) epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &ev);
+        if (epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &ev) != 0)
+            epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &ev);
     }
     void armTimer();
     void serveControl();
@@ -262,7 +263,8 @@ bool controlRequest(const std::string& lab, const std::string& line, std::string
     (void)!send(fd, request.data(), request.size(), MSG_NOSIGNAL);
     reply.clear();
     char buf[4096];
-    for (ssize_t n; (n = read(fd, buf, sizeof(buf))) > 0;) reply.append(buf, static_cast<size_t>(n));
+    for (ssize_t n; (n = read(fd, buf, sizeof(buf))) > 0;)
+        reply.append(buf, static_cast<size_t>(n));
     close(fd);
     return !reply.empty() && reply.compare(0, 6, "error:") != 0;
 }

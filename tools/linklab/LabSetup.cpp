@@ -131,8 +131,8 @@ bool configure(const std::string& lab, const std::vector<LinkConfig>& links,
         steps.push_back({"ip", "-n", lab, "route", "add", "default", "via", l.peerAddr(), "dev",
                          l.name, "table", table});
         if (l.name == defaultLink) {
-            steps.push_back({"ip", "-n", lab, "route", "add", "default", "via", l.peerAddr(),
-                             "dev", l.name});
+            steps.push_back(
+                {"ip", "-n", lab, "route", "add", "default", "via", l.peerAddr(), "dev", l.name});
         }
     }
     // The sysctls first: no IPv6 chatter on a link once it is up.
@@ -194,12 +194,11 @@ bool labUp(const std::string& lab, const std::vector<LinkConfig>& links,
         error = "lab " + lab + " exists (vord-linklab down " + lab + " removes it)";
         return false;
     }
-    const bool ok = run({"ip", "netns", "add", lab}, error) &&
-                    run({"ip", "netns", "add", peerNamespace(lab)}, error) &&
-                    writeTableNames(lab, links, error) &&
-                    run({"mkdir", "-p", runDir(lab)}, error) &&
-                    startRelay(lab, links, defaultLink, error) &&
-                    configure(lab, links, defaultLink, error);
+    const bool ok =
+        run({"ip", "netns", "add", lab}, error) &&
+        run({"ip", "netns", "add", peerNamespace(lab)}, error) &&
+        writeTableNames(lab, links, error) && run({"mkdir", "-p", runDir(lab)}, error) &&
+        startRelay(lab, links, defaultLink, error) && configure(lab, links, defaultLink, error);
     if (!ok) {
         std::string ignored;
         labDown(lab, ignored);

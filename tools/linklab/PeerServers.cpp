@@ -27,8 +27,8 @@ int listenOn(const char* addr, int port, std::string& error) {
     if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one)) != 0 ||
         setsockopt(fd, IPPROTO_IP, IP_FREEBIND, &one, sizeof(one)) != 0 ||
         bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 || listen(fd, 256) != 0) {
-        error = std::string("listen on ") + addr + ":" + std::to_string(port) + ": " +
-                errnoName(errno);
+        error =
+            std::string("listen on ") + addr + ":" + std::to_string(port) + ": " + errnoName(errno);
         if (fd >= 0) close(fd);
         return -1;
     }
@@ -98,8 +98,8 @@ void PeerServers::accept(bool app) {
         c.fd = fd;
         c.app = app;
         c.peer = addrText(peer);
-        c.link = finder_(peer.sin_addr.s_addr, peer.sin_port, local.sin_addr.s_addr,
-                         local.sin_port);
+        c.link =
+            finder_(peer.sin_addr.s_addr, peer.sin_port, local.sin_addr.s_addr, local.sin_port);
         if (c.link.empty()) c.link = "?";
         if (app) c.pending = "hello peer=" + c.peer + " link=" + c.link + "\n";
         fprintf(log_, "%s accept peer=%s link=%s\n", app ? "app" : "echo", c.peer.c_str(),

@@ -34,9 +34,8 @@ int runProbe(const ProbeOptions& o) {
     server.sin_port = htons(static_cast<uint16_t>(o.serverPort));
     inet_pton(AF_INET, o.serverAddr.c_str(), &server.sin_addr);
     if (connect(fd, reinterpret_cast<sockaddr*>(&server), sizeof(server)) != 0) {
-        fprintf(stderr, "vord-linklab probe: connect to %s over %s: %s\n",
-                addrText(server).c_str(), o.link.c_str(),
-                errno == EINPROGRESS ? "timed out" : errnoName(errno).c_str());
+        fprintf(stderr, "vord-linklab probe: connect to %s over %s: %s\n", addrText(server).c_str(),
+                o.link.c_str(), errno == EINPROGRESS ? "timed out" : errnoName(errno).c_str());
         return 1;
     }
     int done = 0;
@@ -60,9 +59,8 @@ int runProbe(const ProbeOptions& o) {
         fprintf(stderr, "vord-linklab probe: no exchange over %s\n", o.link.c_str());
         return 1;
     }
-    printf("link=%s local=%s rtt_us=%u min_rtt_us=%u rttvar_us=%u exchanges=%d\n",
-           o.link.c_str(), addrText(local).c_str(), info.tcpi_rtt, info.tcpi_min_rtt,
-           info.tcpi_rttvar, done);
+    printf("link=%s local=%s rtt_us=%u min_rtt_us=%u rttvar_us=%u exchanges=%d\n", o.link.c_str(),
+           addrText(local).c_str(), info.tcpi_rtt, info.tcpi_min_rtt, info.tcpi_rttvar, done);
     return 0;
 }
 

@@ -149,8 +149,8 @@ std::string Relay::status() const {
     std::string out;
     for (const Link& l : links_) {
         out += l.config.name + " delay=" + std::to_string(l.config.delayMs) +
-               "ms rtt=" + std::to_string(2 * l.config.delayMs) + "ms state=" +
-               (l.cut ? "cut" : "up") + " handset=" + l.config.handsetAddr() +
+               "ms rtt=" + std::to_string(2 * l.config.delayMs) +
+               "ms state=" + (l.cut ? "cut" : "up") + " handset=" + l.config.handsetAddr() +
                " peer=" + l.config.peerAddr() + " table=" + std::to_string(l.config.table()) +
                " up_packets=" + std::to_string(l.up.passed) +
                " down_packets=" + std::to_string(l.down.passed) +

@@ -102,7 +102,8 @@ int cmdUp(const std::string& lab, const std::vector<std::string>& args) {
         if (!parseLinkArg(args[i], static_cast<int>(links.size()) + 1, config, error)) {
             return usage(error.c_str());
         }
-        if (!names.insert(config.name).second) return usage(("link " + config.name + " twice").c_str());
+        if (!names.insert(config.name).second)
+            return usage(("link " + config.name + " twice").c_str());
         links.push_back(config);
     }
     if (links.empty()) return usage("up needs at least one LINK=MS");
