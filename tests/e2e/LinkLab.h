@@ -158,7 +158,14 @@ class LinkLab {
     bool setDelay(const std::string& link, int oneWayMs) const {
         return run("delay " + name_ + " " + link + " " + std::to_string(oneWayMs));
     }
-    // "lab NAME pid N default LINK" then one line per link:
+    // How the echo server at 1.1.1.1:443 answers: exactly what it receives
+    // (the default), or `fill`: two more bytes after every 58 received, so the
+    // daemon's probe (58 out, up to 60 in with MSG_WAITALL) completes each
+    // exchange in one round trip instead of at its 500 ms receive time-out.
+    bool setProbeEcho(bool fill) const {
+        return run("probe-echo " + name_ + (fill ? " fill" : " exact"));
+    }
+    // "lab NAME pid N default LINK probe-echo exact|fill" then one line per link:
     // "wlan0 delay=20ms rtt=40ms state=up|cut handset=... peer=... table=... ..."
     std::string status() const { return output("status " + name_); }
     // The servers' log: "echo|app accept|close peer=A:P link=L" lines.
@@ -191,11 +198,19 @@ class LinkLab {
     // The kernel's smoothed RTT (µs) of a TCP connection bound to `link` after
     // `exchanges` echoed 58-byte exchanges with the probe server; -1 on failure.
     long probeRttUs(const std::string& link, int exchanges = 10, int timeoutMs = 2000) const {
-        const std::string out =
-            output("probe " + name_ + " " + link + " --exchanges " + std::to_string(exchanges) +
-                   " --timeout " + std::to_string(timeoutMs));
-        const size_t at = out.find(" rtt_us=");
-        return at == std::string::npos ? -1 : std::stol(out.substr(at + 8));
+        return field(probe(link, "--exchanges " + std::to_string(exchanges) + " --timeout " +
+                                     std::to_string(timeoutMs)),
+                     "rtt_us");
+    }
+    // The line of `vord-linklab probe NAME LINK ARGS`: "link=L local=A:P rtt_us=N
+    // min_rtt_us=N rttvar_us=N exchanges=N elapsed_ms=N", or an error text.
+    std::string probe(const std::string& link, const std::string& args = "") const {
+        return output("probe " + name_ + " " + link + " " + args);
+    }
+    // The number after " NAME=" in `line`; -1 when absent.
+    static long field(const std::string& line, const std::string& name) {
+        const size_t at = line.find(" " + name + "=");
+        return at == std::string::npos ? -1 : std::atol(line.c_str() + at + name.size() + 2);
     }
 
     // An application client running as `uid` in the handset namespace,

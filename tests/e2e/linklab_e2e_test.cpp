@@ -128,6 +128,23 @@ TEST_F(LinkLabE2E, CutDropsBothWaysAndRestoreCarriesAgain) {
     EXPECT_FALSE(lab.cut("wlan9"));
 }
 
+// The daemon's probe exchange: 58 bytes out, a receive of up to 60 with
+// MSG_WAITALL bounded by its time-out.
+TEST_F(LinkLabE2E, FillModeAnswersTheProbesSixtyByteReceiveInOneRoundTrip) {
+    LinkLab lab({{"wlan0", 5}});
+    ASSERT_EQ(lab.error(), "");
+    const std::string daemonLike = "--receive 60 --timeout 300 --exchanges 3";
+    const std::string exact = lab.probe("wlan0", daemonLike);
+    EXPECT_GE(LinkLab::field(exact, "elapsed_ms"), 3 * 300) << exact;  // each at the time-out
+    ASSERT_TRUE(lab.setProbeEcho(true));
+    EXPECT_NE(lab.status().find(" probe-echo fill\n"), std::string::npos);
+    const std::string fill = lab.probe("wlan0", daemonLike);
+    EXPECT_EQ(LinkLab::field(fill, "exchanges"), 3) << fill;
+    EXPECT_LT(LinkLab::field(fill, "elapsed_ms"), 3 * 300) << fill;
+    EXPECT_NEAR(LinkLab::field(fill, "rtt_us"), 10000, 1500) << fill;
+    EXPECT_EQ(LinkLab::field(lab.probe("wlan0"), "exchanges"), 10) << "echo intact in fill mode";
+}
+
 TEST_F(LinkLabE2E, DownLeavesNoNamespaceProcessOrFileBehind) {
     auto lab = std::make_unique<LinkLab>(std::vector<LinkLab::Link>{{"wlan0", 2}});
     ASSERT_EQ(lab->error(), "");

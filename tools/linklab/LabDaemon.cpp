@@ -196,7 +196,13 @@ std::string LabDaemon::handle(const std::string& line) {
     in >> verb >> link >> value;
     if (verb == "status") {
         return "lab " + lab_ + " pid " + std::to_string(getpid()) + " default " + defaultLink_ +
-               "\n" + relay_.status();
+               " probe-echo " + (servers_->fill() ? "fill" : "exact") + "\n" + relay_.status();
+    }
+    if (verb == "probe-echo" && (link == "exact" || link == "fill")) {
+        servers_->setFill(link == "fill");
+        printf("probe-echo %s\n", link.c_str());
+        fflush(stdout);
+        return "ok\n";
     }
     if (verb == "cut" || verb == "restore") {
         if (!relay_.setCut(link, verb == "cut")) return "error: no link " + link + "\n";

@@ -8,6 +8,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "LabConfig.h"
 #include "Sys.h"
 
@@ -16,6 +18,8 @@ namespace linklab {
 namespace {
 
 constexpr size_t kMaxPending = 1 << 20;  // stop reading a client that does not read
+constexpr size_t kProbeMessage = 58;     // what a probe sends per exchange
+constexpr const char* kProbeFill = "..";  // up to the 60 bytes it waits for
 
 int listenOn(const char* addr, int port, std::string& error) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -72,7 +76,7 @@ void PeerServers::onEvent(uint64_t tag, uint32_t events) {
         while (c.pending.size() < kMaxPending) {
             const ssize_t n = recv(c.fd, buf, sizeof(buf), 0);
             if (n > 0) {
-                c.pending.append(buf, static_cast<size_t>(n));
+                echo(c, buf, static_cast<size_t>(n));
                 continue;
             }
             if (n < 0 && (errno == EAGAIN || errno == EINTR)) break;
@@ -81,6 +85,24 @@ void PeerServers::onEvent(uint64_t tag, uint32_t events) {
         }
     }
     flush(tag, c);
+}
+
+void PeerServers::echo(Conn& c, const char* data, size_t size) {
+    if (c.app || !fill_) {
+        c.pending.append(data, size);
+        return;
+    }
+    while (size > 0) {
+        const size_t take = std::min(size, kProbeMessage - c.unit);
+        c.pending.append(data, take);
+        data += take;
+        size -= take;
+        c.unit += take;
+        if (c.unit == kProbeMessage) {
+            c.pending.append(kProbeFill);
+            c.unit = 0;
+        }
+    }
 }
 
 void PeerServers::accept(bool app) {

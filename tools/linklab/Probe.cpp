@@ -38,16 +38,27 @@ int runProbe(const ProbeOptions& o) {
                 o.link.c_str(), errno == EINPROGRESS ? "timed out" : errnoName(errno).c_str());
         return 1;
     }
+    // Each exchange: 58 bytes out, then either the same 58 back (compared;
+    // fill bytes that come with them are skipped) or, with --receive N, a
+    // receive of up to N bytes with MSG_WAITALL that ends at the time-out
+    // with what has come, as the daemon's probe does.
+    const int64_t start = monotonicNanos();
     int done = 0;
-    char out[58], in[58];
+    char out[58], in[1024];
     for (; done < o.exchanges; ++done) {
         for (size_t i = 0; i < sizeof(out); ++i) out[i] = static_cast<char>('a' + (i + done) % 26);
-        if (send(fd, out, sizeof(out), MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof(out)) ||
-            recv(fd, in, sizeof(in), MSG_WAITALL) != static_cast<ssize_t>(sizeof(in)) ||
-            memcmp(in, out, sizeof(in)) != 0) {
+        if (send(fd, out, sizeof(out), MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof(out))) break;
+        if (o.receive > 0) {
+            if (recv(fd, in, static_cast<size_t>(o.receive), MSG_WAITALL) < 0) break;
+            continue;
+        }
+        if (recv(fd, in, sizeof(out), MSG_WAITALL) != static_cast<ssize_t>(sizeof(out)) ||
+            memcmp(in, out, sizeof(out)) != 0) {
             break;
         }
+        (void)!recv(fd, in, sizeof(in), MSG_DONTWAIT);
     }
+    const int64_t elapsedMs = (monotonicNanos() - start) / 1000000;
     tcp_info info{};
     socklen_t len = sizeof(info);
     sockaddr_in local{};
@@ -59,8 +70,9 @@ int runProbe(const ProbeOptions& o) {
         fprintf(stderr, "vord-linklab probe: no exchange over %s\n", o.link.c_str());
         return 1;
     }
-    printf("link=%s local=%s rtt_us=%u min_rtt_us=%u rttvar_us=%u exchanges=%d\n", o.link.c_str(),
-           addrText(local).c_str(), info.tcpi_rtt, info.tcpi_min_rtt, info.tcpi_rttvar, done);
+    printf("link=%s local=%s rtt_us=%u min_rtt_us=%u rttvar_us=%u exchanges=%d elapsed_ms=%lld\n",
+           o.link.c_str(), addrText(local).c_str(), info.tcpi_rtt, info.tcpi_min_rtt,
+           info.tcpi_rttvar, done, static_cast<long long>(elapsedMs));
     return 0;
 }
 

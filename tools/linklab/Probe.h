@@ -12,9 +12,11 @@ struct ProbeOptions {
     int serverPort = 0;
     int exchanges = 10;
     int timeoutMs = 2000;  // for the connect and each send and receive
+    int receive = 0;       // > 0: receive up to this many bytes per exchange, like the daemon
 };
 
-// Prints "link=L local=A:P rtt_us=N min_rtt_us=N rttvar_us=N exchanges=N";
+// Prints "link=L local=A:P rtt_us=N min_rtt_us=N rttvar_us=N exchanges=N
+// elapsed_ms=N" (the exchanges' time);
 // returns 0 when at least one exchange completed.
 int runProbe(const ProbeOptions& options);
 

@@ -52,6 +52,12 @@ const char kUsage[] =
     "  cut NAME LINK   drop every packet of LINK, both ways (held ones too)\n"
     "  restore NAME LINK\n"
     "                  carry LINK's packets again\n"
+    "  probe-echo NAME exact|fill\n"
+    "                  how the echo server at 1.1.1.1:443 answers: exact (the\n"
+    "                  default) sends back exactly what it receives; fill adds two\n"
+    "                  bytes after every 58 received, so a probe that sends 58 and\n"
+    "                  waits for 60 (MSG_WAITALL) gets them after one round trip\n"
+    "                  instead of at its receive time-out\n"
     "  delay NAME LINK MS\n"
     "                  change LINK's one-way delay (packets keep their order)\n"
     "  exec NAME [--peer] [--uid UID] -- CMD [ARGS...]\n"
@@ -65,10 +71,15 @@ const char kUsage[] =
     "                  \"connected local=A:P peer=A:P link=L\",\n"
     "                  \"connection aborted: ECONNABORTED\", \"reconnected ...\"\n"
     "  probe NAME LINK [--server ADDR:PORT] [--exchanges N] [--timeout MS]\n"
+    "        [--receive BYTES]\n"
     "                  a TCP connection bound to LINK (SO_BINDTODEVICE), N (10)\n"
-    "                  echoed exchanges of 58 bytes, each step within MS (2000)\n"
-    "                  ms, then the kernel's RTT:\n"
-    "                  \"link=L local=A:P rtt_us=N min_rtt_us=N rttvar_us=N exchanges=N\"\n"
+    "                  exchanges of 58 bytes echoed back, each step within MS\n"
+    "                  (2000) ms; with --receive, each reply is a receive of up to\n"
+    "                  BYTES with MSG_WAITALL that ends at the time-out, as the\n"
+    "                  daemon's probe does (--receive 60 --timeout 500). Prints\n"
+    "                  the kernel's RTT and the time the exchanges took:\n"
+    "                  \"link=L local=A:P rtt_us=N min_rtt_us=N rttvar_us=N\n"
+    "                  exchanges=N elapsed_ms=N\"\n"
     "  log NAME        the servers' connection log\n";
 
 int usage(const char* why) {
@@ -220,6 +231,9 @@ int cmdProbe(const std::string& lab, const std::vector<std::string>& args) {
         } else if (args[i] == "--timeout" && hasValue &&
                    parseInt(args[i + 1], 1, 60000, o.timeoutMs)) {
             ++i;
+        } else if (args[i] == "--receive" && hasValue &&
+                   parseInt(args[i + 1], 1, 1024, o.receive)) {
+            ++i;
         } else {
             return usage(("probe: unexpected \"" + args[i] + "\"").c_str());
         }
@@ -261,6 +275,12 @@ int main(int argc, char** argv) {
             return usage("delay NAME LINK MS (one-way, 0..10000)");
         }
         return request(lab, "delay " + rest[0] + " " + rest[1], false);
+    }
+    if (cmd == "probe-echo") {
+        if (rest.size() != 1 || (rest[0] != "exact" && rest[0] != "fill")) {
+            return usage("probe-echo NAME exact|fill");
+        }
+        return request(lab, "probe-echo " + rest[0], false);
     }
     if (cmd == "exec") return cmdExec(lab, rest);
     if (cmd == "client") return cmdClient(lab, rest);
