@@ -179,7 +179,15 @@ void Relay::noteSyn(size_t link, const char* p, size_t size) {
 std::string Relay::linkOfConnection(uint32_t src, uint16_t srcPort, uint32_t dst,
                                     uint16_t dstPort) const {
     const auto it = synLink_.find(FlowKey(src, srcPort, dst, dstPort));
-    return it == synLink_.end() ? "" : links_[it->second].config.name;
+    if (it != synLink_.end()) return links_[it->second].config.name;
+    // No SYN seen (the map was full, say): the link whose subnet the source is in.
+    const uint32_t host = ntohl(src);
+    for (const Link& l : links_) {
+        if ((host >> 8) == ((10u << 16) | (66u << 8) | static_cast<uint32_t>(l.config.index))) {
+            return l.config.name;
+        }
+    }
+    return "";
 }
 
 }  // namespace linklab

@@ -39,8 +39,9 @@ class Relay {
     // One line per link: name, delay, cut state, addresses, counters.
     std::string status() const;
 
-    // The link that carried the SYN of this connection (handset to peer), or
-    // "" when none was seen. Addresses and ports in network order.
+    // The link that carried the SYN of this connection (handset to peer); when
+    // none was seen, the link whose subnet holds the source; else "".
+    // Addresses and ports in network order.
     std::string linkOfConnection(uint32_t src, uint16_t srcPort, uint32_t dst,
                                  uint16_t dstPort) const;
 
