@@ -113,7 +113,14 @@ TEST_F(LinkLabE2E, CutDropsBothWaysAndRestoreCarriesAgain) {
     EXPECT_GT(lab.probeRttUs("rmnet_data0", 1, 300), 0);  // the other link is untouched
     EXPECT_NE(lab.status().find("wlan0 delay=5ms rtt=10ms state=cut"), std::string::npos);
     EXPECT_GT(statusField(lab, "wlan0", "dropped"), 0) << lab.status();
+    // Toward the handset too: a connection attempt from the peer side.
+    const std::string fromPeer = "timeout 1 bash -c 'exec 3<>/dev/tcp/10.66.1.2/9'";
+    const long dropped = statusField(lab, "wlan0", "dropped");
+    lab.execPeer(fromPeer);
+    EXPECT_GT(statusField(lab, "wlan0", "dropped"), dropped);
+    EXPECT_EQ(statusField(lab, "wlan0", "down_packets"), 0);
     ASSERT_TRUE(lab.restore("wlan0"));
+    EXPECT_NE(lab.execPeer(fromPeer).find("refused"), std::string::npos);  // a reset came back
     EXPECT_GT(lab.probeRttUs("wlan0", 1, 1000), 0);
 
     // A connection over a cut link stalls, then carries on when restored.
