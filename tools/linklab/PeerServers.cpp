@@ -17,8 +17,8 @@ namespace linklab {
 
 namespace {
 
-constexpr size_t kMaxPending = 1 << 20;  // stop reading a client that does not read
-constexpr size_t kProbeMessage = 58;     // what a probe sends per exchange
+constexpr size_t kMaxPending = 1 << 20;   // stop reading a client that does not read
+constexpr size_t kProbeMessage = 58;      // what a probe sends per exchange
 constexpr const char* kProbeFill = "..";  // up to the 60 bytes it waits for
 
 int listenOn(const char* addr, int port, std::string& error) {
