@@ -37,6 +37,7 @@
 
 #include <vord/RootPath.h>
 
+#include "config/LogText.h"
 #include "config/Parameters.h"
 #include "control/ControlState.h"
 #include "control/InterfaceCommands.h"
@@ -143,7 +144,7 @@ void drain(int clientFd, int epfd, msg_t& buffer) {
     while (!stopRequested() && g_epollFd.load() == epfd && receiveRecord(clientFd, buffer)) {
         if (buffer.length > kMaxTextLength) continue;
         ALOGI("recv msg: msg.id=%d, msg.length=%d, msg.message=[%s]\n", buffer.id, buffer.length,
-              buffer.message);
+              vord::escapeForLog(buffer.message).c_str());
         handleMessage(buffer);
     }
 }
