@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets with clang and runs the nl80211 fuzzer for 60 s.
-# Exits non-zero when the fuzzer reports a finding (or the build fails).
+# Builds the libFuzzer targets with clang and runs each for FUZZ_SECONDS (30 by
+# default), each with a corpus directory of its own. Exits non-zero when the
+# build fails or any target reports a finding.
 set -euo pipefail
+
+targets=(nl80211_fuzz sockdiag_fuzz)
+seconds=${FUZZ_SECONDS:-30}
 
 cd "$(dirname "$0")/.."
 
@@ -30,9 +34,20 @@ fi
 
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DVORD_FUZZ=ON -DVORD_BUILD_TESTS=OFF \
     -DVORD_BUILD_BENCH=OFF
-cmake --build build-fuzz -j2 --target nl80211_fuzz
+cmake --build build-fuzz -j2 --target "${targets[@]}"
 
-corpus=build-fuzz/corpus/nl80211
-mkdir -p "$corpus"
-build-fuzz/bin/nl80211_fuzz -max_total_time=60 -timeout=10 -rss_limit_mb=2048 \
-    -artifact_prefix=build-fuzz/ "$corpus"
+failed=()
+for target in "${targets[@]}"; do
+    corpus=build-fuzz/corpus/${target%_fuzz}
+    mkdir -p "$corpus"
+    echo "fuzz.sh: $target for ${seconds} s" >&2
+    if ! "build-fuzz/bin/$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+            -artifact_prefix="build-fuzz/$target-" "$corpus"; then
+        failed+=("$target")
+    fi
+done
+
+if ((${#failed[@]})); then
+    echo "fuzz.sh: findings in: ${failed[*]}" >&2
+    exit 1
+fi

@@ -95,6 +95,12 @@ static_assert(kAttrOffset == 88, "attributes start at 88");
 
 constexpr size_t align4(size_t n) { return (n + 3) & ~size_t{3}; }
 
+// The error field of an NLMSG_ERROR as a result: 0 or a negative errno. Anything
+// else on the wire (positive, or beyond the errno range) is a malformed reply.
+int wireError(int32_t error) {
+    return error == 0 || (error < 0 && error >= -4095) ? error : -EBADMSG;
+}
+
 const char* familyLabel(uint8_t family) { return family == AF_INET ? "IPv4" : "IPv6"; }
 
 bool isV4MappedLoopback(const uint8_t* a) {
@@ -129,7 +135,7 @@ static int processNetlinkDump(SocketOps& ops, int fd, const SockDiag::NetlinkDum
                 if (h->nlmsg_len < sizeof(nlmsghdr) + sizeof(int32_t)) return -EBADMSG;
                 int32_t error;
                 memcpy(&error, p + sizeof(nlmsghdr), sizeof(error));
-                return error;
+                return wireError(error);
             }
             callback(h);
             const size_t step = align4(h->nlmsg_len);
@@ -175,7 +181,7 @@ int SockDiag::checkError(int fd) {
     n = m_ops->recvfrom(fd, &ack, sizeof(ack), 0, nullptr, nullptr);
     if (n < 0) return -errno;
     if (n != static_cast<ssize_t>(sizeof(ack))) return -EBADMSG;
-    return ack.err.error;
+    return wireError(ack.err.error);
 }
 
 int SockDiag::sendDumpRequest(uint8_t proto, uint8_t family, uint8_t extensions,

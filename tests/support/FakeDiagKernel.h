@@ -127,7 +127,7 @@ class FakeDiagKernel : public android::net::SocketOps {
         std::deque<Bytes>& q = queues[fd];
         if (q.empty()) return fail(EAGAIN);
         const size_t n = std::min(len, q.front().size());
-        memcpy(buf, q.front().data(), n);
+        if (n != 0) memcpy(buf, q.front().data(), n);
         if (!(flags & MSG_PEEK)) q.pop_front();
         return static_cast<ssize_t>(n);
     }
@@ -135,7 +135,7 @@ class FakeDiagKernel : public android::net::SocketOps {
         std::deque<Bytes>& q = queues[fd];
         if (q.empty()) return 0;
         const size_t n = std::min(len, q.front().size());
-        memcpy(buf, q.front().data(), n);
+        if (n != 0) memcpy(buf, q.front().data(), n);
         q.pop_front();
         lastReadBuf = static_cast<const uint8_t*>(buf);
         lastReadLen = n;

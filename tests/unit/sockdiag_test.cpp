@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <string>
@@ -202,6 +203,12 @@ TEST_F(SockDiagTest, DumpReaderLengthAndErrorRules) {
     EXPECT_EQ(std::vector<uint32_t>({1}), DestroyedCookies(kernel));
     EXPECT_EQ(1u, kernel.requestsOfType(SOCK_DIAG_BY_FAMILY).size());
     EXPECT_TRUE(log.contains("E/MUX-Vord-SockDiag: Failed to destroy IPv4 sockets for UID: Operation not permitted"));
+
+    // An error field that is no errno (positive, or beyond the range) is a bad reply.
+    for (int32_t bogus : {5, INT32_MIN}) {
+        answerFirstDump({FakeDiagKernel::concat({FakeDiagKernel::error(bogus)})});
+        EXPECT_EQ(-EBADMSG, sd.destroySockets(IPPROTO_TCP, kUid, false)) << bogus;
+    }
 
     // nlmsg_len 8 ends the walk of that read; the next read goes on. Entries too
     // short for an inet_diag_msg are passed over.
