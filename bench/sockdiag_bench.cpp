@@ -6,7 +6,7 @@
 // server ends belong to root).
 //
 // Needs root (network namespace, socket owners); not run in CI.
-//   sockdiag_bench [N ...]     (default: 1000 10000), 3 rounds per method
+//   sockdiag_bench [N ...]     (default: 1000 10000), 5 rounds per method
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -40,7 +40,7 @@ namespace {
 
 constexpr uid_t kUid = 20001, kOtherUid = 20002;
 constexpr uint16_t kListenPort = 5000, kFirstClientPort = 20000;
-constexpr int kRounds = 3;
+constexpr int kRounds = 7;
 
 [[noreturn]] void die(const char* what) {
     fprintf(stderr, "sockdiag_bench: %s: %s\n", what, strerror(errno));
@@ -81,7 +81,13 @@ struct SocketSet {
     pid_t helper = -1;
     int stop = -1;
     ~SocketSet() {
-        for (int fd : clients) close(fd);
+        // Reset rather than close: no TIME_WAIT or FIN exchange left for the
+        // kernel to finish while the next round is timed.
+        const linger reset = {1, 0};
+        for (int fd : clients) {
+            setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+            close(fd);
+        }
         close(stop);
         waitpid(helper, nullptr, 0);
     }
@@ -225,10 +231,13 @@ struct Method {
     int left = 0;  // sockets of the UID left over, all rounds
 };
 
-double median(std::vector<double> v) {
+double median(const std::vector<double>& rates) {
+    std::vector<double> v = rates;
     std::sort(v.begin(), v.end());
     return v[v.size() / 2];
 }
+
+double best(const std::vector<double>& v) { return *std::max_element(v.begin(), v.end()); }
 
 }  // namespace
 
@@ -272,6 +281,8 @@ int main(int argc, char** argv) {
                     fprintf(stderr, "sockdiag_bench: %d sockets of the UID, expected %d\n", before, n / 2);
                     return 1;
                 }
+                // Let the kernel finish tearing down the previous round's namespace.
+                usleep(500 * 1000);
                 const auto t0 = std::chrono::steady_clock::now();
                 m.run(n);
                 const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
@@ -280,15 +291,19 @@ int main(int argc, char** argv) {
                 m.rates.push_back((before - left) / s);
             }
         }
-        printf("N = %d connections, %d client sockets of UID %u destroyed per run (median of %d)\n",
+        printf("N = %d connections, %d client sockets of UID %u destroyed per run (%d rounds)\n",
                n, n / 2, kUid, kRounds);
         for (const Method& m : methods) {
-            printf("  %-24s %12.0f sockets/s   (left over in all rounds: %d)\n", m.name,
-                   median(m.rates), m.left);
+            printf("  %-24s best %9.0f  median %9.0f sockets/s   (left over: %d)\n", m.name,
+                   best(m.rates), median(m.rates), m.left);
         }
-        const double vord = median(methods[0].rates), ss = median(methods[1].rates),
-                     raw = median(methods[2].rates);
-        printf("  vord / ss -K = %.2fx   raw floor / vord = %.2fx\n\n", vord / ss, raw / vord);
+        for (auto pick : {best, median}) {
+            const double vord = pick(methods[0].rates), ss = pick(methods[1].rates),
+                         raw = pick(methods[2].rates);
+            printf("  %-6s vord / ss -K = %.2fx   raw floor / vord = %.2fx\n",
+                   pick == best ? "best:" : "median:", vord / ss, raw / vord);
+        }
+        printf("\n");
         fflush(stdout);
     }
     return 0;
