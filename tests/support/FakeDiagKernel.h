@@ -87,7 +87,6 @@ class FakeDiagKernel : public android::net::SocketOps {
     size_t entriesPerDatagram = 2;  // dump replies span several reads
     int32_t destroyError = 0;       // acknowledgement of each SOCK_DESTROY
     std::map<uint8_t, int32_t> dumpError;  // protocol -> error acknowledgement of its dumps
-    int failSocketCall = -1;   // index of the socket() call that fails
     int failConnectCall = -1;  // index of the connect() call that fails
     // Called for each request before the default answer; returns true when it
     // answered (queued the replies) itself.
@@ -104,7 +103,7 @@ class FakeDiagKernel : public android::net::SocketOps {
     void queue(int fd, Bytes datagram) { queues[fd].push_back(std::move(datagram)); }
 
     int socket(int, int, int) override {
-        if (socketCalls++ == failSocketCall) return fail(EMFILE);
+        ++socketCalls;
         return nextFd_++;
     }
     int connect(int, const sockaddr*, socklen_t) override {
