@@ -11,6 +11,8 @@
 #include "control/VordSocketServer.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
+#include "sockdiag/GamingUidSockets.h"
+#include "sockdiag/SockDiag.h"
 #include "status/StatusSnapshot.h"
 
 int main(int /*argc*/, char** /*argv*/) {
@@ -39,7 +41,9 @@ int main(int /*argc*/, char** /*argv*/) {
     stopSocketThreads();  // no control command runs during the rest of the shutdown
     ALOGE("Mux disabled, starting cleanup...\n");
     sla->enableSLA(false);
-    // Destroy the sockets of each gaming UID: killSocketsForUID() (not built yet).
+    // Destroy the sockets of each gaming UID, in list order.
+    vord::destroyGamingUidSockets([params] { return params->gamingUidList(); },
+                                  [](const char* uid) { return killSocketsForUID(uid); });
     // Finalise link selection: SmartLinkSelection::cleanup() (not built yet).
     IptablesManager::clean_MUX_iptables();
     SlaStatsImpl::finalize();

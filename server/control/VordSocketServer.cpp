@@ -37,6 +37,7 @@
 
 #include <vord/RootPath.h>
 
+#include "config/LogText.h"
 #include "config/Parameters.h"
 #include "control/ControlState.h"
 #include "control/InterfaceCommands.h"
@@ -154,15 +155,8 @@ Next acceptClient(int listenFd, const sigset_t& waitMask, int& clientFd) {
 // limit is dropped silently and reading goes on, so the records queued behind it
 // are not stranded until the client writes again.
 void drain(int clientFd, int epfd, msg_t& buffer) {
-    while (!stopRequested() && g_epollFd.load() == epfd && receiveRecord(clientFd, buffer)) {
-        if (buffer.length > kMaxTextLength) {
-            vord::bump(vord::counters().controlRecordsRefused);
-            continue;
-        }
-        ALOGI("recv msg: msg.id=%d, msg.length=%d, msg.message=[%s]\n", buffer.id, buffer.length,
-              buffer.message);
-        handleMessage(buffer);
-    }
+    drainRecords(clientFd, buffer,
+                 [epfd] { return !stopRequested() && g_epollFd.load() == epfd; }, handleMessage);
 }
 
 // Serves the accepted client until it hangs up (Restart) or a stop (Exit).
@@ -346,6 +340,19 @@ void handleMessage(msg_t msg) {
         case 13: notAvailableYet("setGameAiModeEnable", msg.id); break;
         case 14: notAvailableYet("setGameAiModeCheckRtt", msg.id); break;
         default: ALOGE("unknow mesage!!!"); break;
+    }
+}
+
+void drainRecords(int fd, msg_t& buffer, const std::function<bool()>& keepGoing,
+                  void (*dispatch)(msg_t)) {
+    while (keepGoing() && receiveRecord(fd, buffer)) {
+        if (buffer.length > kMaxTextLength) {
+            vord::bump(vord::counters().controlRecordsRefused);
+            continue;
+        }
+        ALOGI("recv msg: msg.id=%d, msg.length=%d, msg.message=[%s]\n", buffer.id, buffer.length,
+              vord::escapeForLog(buffer.message).c_str());
+        dispatch(buffer);
     }
 }
 
