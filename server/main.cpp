@@ -11,6 +11,7 @@
 #include "control/VordSocketServer.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
+#include "sls/SmartLinkSelection.h"
 
 int main(int /*argc*/, char** /*argv*/) {
     ALOGI("Vord (SLA+SLS) 3.0.4.5 starting daemon");
@@ -21,12 +22,13 @@ int main(int /*argc*/, char** /*argv*/) {
     createSocketThreads(params);  // without a control channel the daemon runs on
     SlaStatsImpl* sla = SlaStatsImpl::instance();
     sla->enableSLA(true);
-    // Link selection: SmartLinkSelection::Init() and instance() (not built yet).
+    SmartLinkSelection::Init();
+    SmartLinkSelection* sls = SmartLinkSelection::instance();
 
     // The loop runs at least once; the property is tested after the sleep.
     do {
         sla->evalAndSetSLAInterfaceRatio();
-        // One link-selection step: slsChooseInterface() (not built yet).
+        sls->slsChooseInterface();
         // The period is read afresh each time; 0 means no sleep at all (usleep(0)
         // would still pay the kernel's timer slack).
         uint32_t sleepUs = static_cast<uint32_t>(params->get(mini_est_interval)) * 1000u;
@@ -38,7 +40,7 @@ int main(int /*argc*/, char** /*argv*/) {
     ALOGE("Mux disabled, starting cleanup...\n");
     sla->enableSLA(false);
     // Destroy the sockets of each gaming UID: killSocketsForUID() (not built yet).
-    // Finalise link selection: SmartLinkSelection::cleanup() (not built yet).
+    SmartLinkSelection::cleanup();
     IptablesManager::clean_MUX_iptables();
     SlaStatsImpl::finalize();
     ALOGI("Vord exiting");
