@@ -16,49 +16,29 @@ std::string fastest(SmartLinkSelection* engine) {
 }
 
 TEST_F(SlsTest, RankingAndTieRules) {
-    registerInterface(slstest::kWlan0);
-    registerInterface(slstest::kWlan1);
-    registerInterface(slstest::kRmnet);
-    struct Case { int wlan0, wlan1, rmnet; const char* best; };
-    // Nothing selected: the higher level wins; on a tie the primary link.
-    for (const Case& c : {Case{9, -9, 10, "rmnet_data0"}, Case{9, -9, 8, "wlan0"},
-                          Case{11, 11, 8, "wlan0"}, Case{0, 0, 0, "wlan0"}, Case{1, 0, 0, "wlan0"},
-                          Case{0, 3, 0, "wlan1"}}) {
-        addLink("wlan0", c.wlan0);
-        if (c.wlan1 >= 0) addLink("wlan1", c.wlan1);
-        addLink("rmnet_data0", c.rmnet);
-        EXPECT_EQ(c.best, fastest(engine)) << c.wlan0 << "/" << c.wlan1 << "/" << c.rmnet;
-        std::lock_guard<std::mutex> lock(g_slsMapMutex);
-        delete engine->slsInterfaceMap()["wlan1"];
-        engine->slsInterfaceMap().erase("wlan1");
-    }
-}
-
-TEST_F(SlsTest, FirstStepBeforeAnySampleSwitchesToThePrimaryAndATieKeepsTheCurrentWifi) {
-    registerInterface(slstest::kWlan0);
-    registerInterface(slstest::kWlan1);
-    registerInterface(slstest::kRmnet);
+    for (const char* record : {slstest::kWlan0, slstest::kWlan1, slstest::kRmnet}) registerInterface(record);
     params->setGamingUids("10123,10456");
     params->populateGamingUids();
-    set("t_hyst_s", "10");
-    addLink("rmnet_data0", 0);
-    addLink("wlan0", 0);
-    addLink("wlan1", 0);
+    // Nothing selected: the higher level wins, a tie goes to the primary link.
+    struct Case { int wlan0, wlan1, rmnet; const char* best; };
+    for (const Case& c : {Case{9, 0, 10, "rmnet_data0"}, Case{9, 0, 8, "wlan0"}, Case{11, 11, 8, "wlan0"},
+                          Case{0, 3, 0, "wlan1"}, Case{0, 0, 0, "wlan0"}}) {
+        addLink("wlan0", c.wlan0);
+        addLink("wlan1", c.wlan1);
+        addLink("rmnet_data0", c.rmnet);
+        EXPECT_EQ(c.best, fastest(engine)) << c.wlan0 << "/" << c.wlan1 << "/" << c.rmnet;
+    }
+    // Before any sample the primary is switched to at once.
     engine->calcInterface();
     EXPECT_EQ("wlan0", current());
     EXPECT_EQ(Strings{"wlan0"}, switches);
     EXPECT_EQ((Strings{"10123", "10456"}), kills);
     EXPECT_TRUE(log->contains("calcInterface SLA_RTT_SELECTED current =  wlan0 , prvious = NULL"));
-
-    // With wlan1 current, a tie at 11 keeps wlan1 (current Wi-Fi wins).
-    SmartLinkSelection::finalize();
-    log.reset();
-    SetUp();
-    addLink("wlan1", 11);
+    // With wlan1 current, a tie at 11 keeps it: the current Wi-Fi link wins.
+    setLevel("wlan1", 11);
+    setLevel("wlan0", 5);
     engine->calcInterface();
-    ASSERT_EQ("wlan1", current());
-    addLink("wlan0", 11);
-    advance(30);
+    setLevel("wlan0", 11);
     engine->calcInterface();
     EXPECT_EQ("wlan1", current());
     EXPECT_EQ((Strings{"wlan0", "wlan1"}), switches);
