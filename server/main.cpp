@@ -12,6 +12,8 @@
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
 #include "sls/SmartLinkSelection.h"
+#include "sockdiag/GamingUidSockets.h"
+#include "sockdiag/SockDiag.h"
 
 int main(int /*argc*/, char** /*argv*/) {
     ALOGI("Vord (SLA+SLS) 3.0.4.5 starting daemon");
@@ -39,7 +41,9 @@ int main(int /*argc*/, char** /*argv*/) {
     stopSocketThreads();  // no control command runs during the rest of the shutdown
     ALOGE("Mux disabled, starting cleanup...\n");
     sla->enableSLA(false);
-    // Destroy the sockets of each gaming UID: killSocketsForUID() (not built yet).
+    // Destroy the sockets of each gaming UID, in list order.
+    vord::destroyGamingUidSockets([params] { return params->gamingUidList(); },
+                                  [](const char* uid) { return killSocketsForUID(uid); });
     SmartLinkSelection::cleanup();
     IptablesManager::clean_MUX_iptables();
     SlaStatsImpl::finalize();

@@ -14,7 +14,7 @@
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
 #include "sls/SmartLinkSelection.h"
-#include "sls/SocketKiller.h"
+#include "sockdiag/SockDiag.h"
 #include "status/Counters.h"
 
 namespace {

@@ -21,7 +21,6 @@
 #include "config/Parameters.h"
 #include "rules/IptablesManager.h"
 #include "sls/PingThread.h"
-#include "sls/SocketKiller.h"
 
 std::mutex g_slsMapMutex;
 
