@@ -11,6 +11,7 @@
 #include "control/VordSocketServer.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
+#include "sls/SmartLinkSelection.h"
 #include "sockdiag/GamingUidSockets.h"
 #include "sockdiag/SockDiag.h"
 #include "status/StatusSnapshot.h"
@@ -24,12 +25,13 @@ int main(int /*argc*/, char** /*argv*/) {
     createSocketThreads(params);  // without a control channel the daemon runs on
     SlaStatsImpl* sla = SlaStatsImpl::instance();
     sla->enableSLA(true);
-    // Link selection: SmartLinkSelection::Init() and instance() (not built yet).
+    SmartLinkSelection::Init();
+    SmartLinkSelection* sls = SmartLinkSelection::instance();
 
     // The loop runs at least once; the property is tested after the sleep.
     do {
         sla->evalAndSetSLAInterfaceRatio();
-        // One link-selection step: slsChooseInterface() (not built yet).
+        sls->slsChooseInterface();
         vord::status::updateStatusSnapshot(params, sla);
         // The period is read afresh each time; 0 means no sleep at all (usleep(0)
         // would still pay the kernel's timer slack).
@@ -44,7 +46,7 @@ int main(int /*argc*/, char** /*argv*/) {
     // Destroy the sockets of each gaming UID, in list order.
     vord::destroyGamingUidSockets([params] { return params->gamingUidList(); },
                                   [](const char* uid) { return killSocketsForUID(uid); });
-    // Finalise link selection: SmartLinkSelection::cleanup() (not built yet).
+    SmartLinkSelection::cleanup();
     IptablesManager::clean_MUX_iptables();
     SlaStatsImpl::finalize();
     ALOGI("Vord exiting");

@@ -2,14 +2,25 @@
 
 #include "status/SelectionState.h"
 
+#include "sls/SmartLinkSelection.h"
+
 namespace vord {
 namespace status {
 
-// The selection engine is not part of this build yet, so there is nothing to read.
-// TODO(status): read it through SmartLinkSelection::isInstance() and
-// SmartLinkSelection::trySnapshotState() once link selection is built.
-EngineRead readSelectionEngine(EngineState* /*out*/) {
-    return EngineRead::None;
+EngineRead readSelectionEngine(EngineState* out) {
+    if (!SmartLinkSelection::isInstance()) return EngineRead::None;
+    SlsState state;
+    if (!SmartLinkSelection::trySnapshotState(state)) {
+        // A probe or a decision step holds the engine (or it ended just now).
+        return SmartLinkSelection::isInstance() ? EngineRead::Busy : EngineRead::None;
+    }
+    out->current = state.current;
+    out->switchCount = state.switchCount;
+    out->links.clear();
+    for (const SlsLinkState& l : state.links) {
+        out->links.push_back({l.ifname, l.speed, l.level, l.missCount, l.rssiPenaltyMs, l.running});
+    }
+    return EngineRead::Read;
 }
 
 }  // namespace status
