@@ -81,8 +81,10 @@ TEST_F(MonitorsTest, ShutdownStopsARunningDualWifiMonitorBeforeTheRulesGo) {
     const size_t stopped = log.find("DoubleWifiMonitor stopped");
     ASSERT_NE(stopped, std::string::npos) << log;
     EXPECT_LT(stopped, log.find("Vord exiting"));
-    EXPECT_TRUE(waitFor([&] { return threadCount(daemon.pid()) == 1; }))
-            << threadCount(daemon.pid());  // the main thread idles alone
+    // Only the control thread is gone besides the monitor (a sanitizer runtime
+    // may keep a thread of its own).
+    EXPECT_TRUE(waitFor([&] { return threadCount(daemon.pid()) == baseline - 1; }))
+            << threadCount(daemon.pid()) << " threads, " << baseline << " before";
 }
 
 }  // namespace
