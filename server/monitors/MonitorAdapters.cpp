@@ -41,7 +41,8 @@ class SelectionPenaltySink : public PenaltySink {
     int write(const std::map<std::string, int>& penaltyMsByLink) override {
         std::lock_guard<std::mutex> lock(g_slsMapMutex);
         if (!SmartLinkSelection::isInstance()) return -1;
-        std::map<std::string, InterfaceRtt*>& records = slsInterfaceMap();
+        std::map<std::string, InterfaceRtt*>& records =
+                SmartLinkSelection::instance()->slsInterfaceMap();  // exists: checked above
         int written = 0;
         for (const auto& entry : penaltyMsByLink) {
             auto it = records.find(entry.first);
