@@ -72,6 +72,31 @@ void BM_LinkRateEstimateDefaults(benchmark::State& state) {
 }
 BENCHMARK(BM_LinkRateEstimateDefaults);
 
+// The same estimate over a block file that could shrink under its mapping: the
+// block is first copied out of the file with pread (what the daemon does for
+// every block file outside procfs), so a short file can never fault.
+void BM_LinkRateEstimateDefaultsFromFile(benchmark::State& state) {
+    Parameters params;
+    params.setValue("mini_stale_interval", "100000000");
+    std::string path = g_root + "/proc/sla/bench_mmap";
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0 || ftruncate(fd, sla::kStatsBlockSize) != 0) {
+        state.SkipWithError("cannot create block file");
+        return;
+    }
+    void* a = mmap(nullptr, sla::kStatsBlockSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    fillRing(static_cast<sla::StatsBlock*>(a), 20, 100, 6400);
+    unsigned packs = 0;
+    {
+        SlaStatsData data(a, true, &params, fd);  // owns fd
+        for (auto _ : state) benchmark::DoNotOptimize(data.linkRateEstimate(&packs, nullptr));
+    }
+    state.counters["packs"] = packs;
+    munmap(a, sla::kStatsBlockSize);
+    unlink(path.c_str());
+}
+BENCHMARK(BM_LinkRateEstimateDefaultsFromFile);
+
 // One main-loop evaluation over four links with mapped block files; the rule
 // update is a no-op stand-in.
 void BM_EvaluationPeriodFourLinks(benchmark::State& state) {

@@ -14,6 +14,8 @@
 #include "monitors/SlaTcpSocketMonitor.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
+#include "sockdiag/GamingUidSockets.h"
+#include "sockdiag/SockDiag.h"
 
 int main(int /*argc*/, char** /*argv*/) {
     ALOGI("Vord (SLA+SLS) 3.0.4.5 starting daemon");
@@ -45,7 +47,9 @@ int main(int /*argc*/, char** /*argv*/) {
     RssiStateMonitor::finalize();
     DoubleWifiMonitor::finalize();
     sla->enableSLA(false);
-    // Destroy the sockets of each gaming UID: killSocketsForUID() (not built yet).
+    // Destroy the sockets of each gaming UID, in list order.
+    vord::destroyGamingUidSockets([params] { return params->gamingUidList(); },
+                                  [](const char* uid) { return killSocketsForUID(uid); });
     // Finalise link selection: SmartLinkSelection::cleanup() (not built yet).
     IptablesManager::clean_MUX_iptables();
     SlaStatsImpl::finalize();

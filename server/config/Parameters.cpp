@@ -11,7 +11,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <fstream>
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <vord/RootPath.h>
 
@@ -143,19 +145,37 @@ std::string& Parameters::trim(std::string& s) {
 }
 
 void Parameters::readVordConfFile(const char* path) {
-    std::ifstream in(vord::resolvePath(path));
-    if (!in.is_open()) {
+    // Read whole before anything is applied: a path that opens but cannot be
+    // read (a directory, an I/O error) is a failed read, not an empty file.
+    std::string content;
+    int fd = open(vord::resolvePath(path).c_str(), O_RDONLY | O_CLOEXEC);
+    bool ok = fd >= 0;
+    while (ok) {
+        char buf[4096];
+        ssize_t n = read(fd, buf, sizeof(buf));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            ok = n == 0;
+            break;
+        }
+        content.append(buf, static_cast<size_t>(n));
+    }
+    if (fd >= 0) close(fd);
+    if (!ok) {
         ALOGE("read vord conf file failed!");
         return;
     }
     std::vector<std::string> lines;
-    std::string line;
-    while (std::getline(in, line)) {
+    size_t start = 0;
+    while (start < content.size()) {
+        size_t end = content.find('\n', start);
+        if (end == std::string::npos) end = content.size();
+        std::string line = content.substr(start, end - start);
+        start = end + 1;
         trim(line);
         if (line.empty() || line[0] == '#') continue;
         lines.push_back(line);
     }
-    in.close();
     fromVector(lines);
 }
 
@@ -211,7 +231,15 @@ bool Parameters::setValue(const char* key, const char* value) {
     };
     for (const IntKey& ik : intKeys) {
         if (k == ik.name) {
-            ik.member->store(atoi(value));
+            int v = atoi(value);
+            // The cache holds one estimate per link and period; a huge size
+            // would grow memory without bound.
+            if (ik.member == &m_bestEstCacheSize && v > kMaxBestEstCacheSize) {
+                ALOGW("best_est_cache_size %d is above the maximum of %d: %d is used", v,
+                      kMaxBestEstCacheSize, kMaxBestEstCacheSize);
+                v = kMaxBestEstCacheSize;
+            }
+            ik.member->store(v);
             return true;
         }
     }

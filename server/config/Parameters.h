@@ -41,6 +41,8 @@ class Parameters {
   public:
     static constexpr int kOperValues = 29;
     static constexpr int kMaxInterfaceParams = 4;
+    // Largest "best_est_cache_size" taken; larger values are clamped to it.
+    static constexpr int kMaxBestEstCacheSize = 3600;
 
     // The process-wide store, created (and vord.conf read) on first use.
     static Parameters* instance();

@@ -27,6 +27,36 @@ bool isValidInterfaceName(const std::string& s) {
     return true;
 }
 
+bool isRootUid(const std::string& s) {
+    return isDecimalUid(s) && s.find_first_not_of('0') == std::string::npos;
+}
+
+bool isKernelRouteTableName(const std::string& s) {
+    if (s == "local" || s == "main" || s == "default" || s == "unspec") return true;
+    if (s.empty()) return false;
+    // What strtoul(s, 0) would read whole: decimal and octal digits, or "0x" hex.
+    size_t start = 0;
+    bool hex = s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X');
+    if (hex) start = 2;
+    for (size_t i = start; i < s.size(); ++i) {
+        char c = s[i];
+        bool digit = (c >= '0' && c <= '9') ||
+                     (hex && ((c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F')));
+        if (!digit) return false;
+    }
+    return true;
+}
+
+const char* unmanageableInterfaceReason(const std::string& name) {
+    if (!isValidInterfaceName(name)) return "not a valid interface name";
+    if (name.size() > kMaxManagedNameLength) {
+        return "longer than 12 characters, too long for its chain vexo_fw_<name>_wrapper "
+               "(28 characters at most)";
+    }
+    if (isKernelRouteTableName(name)) return "the name of one of the kernel's own routing tables";
+    return nullptr;
+}
+
 bool isIpAddressLiteral(const std::string& s) {
     if (s.empty() || s.size() > 45) return false;
     unsigned char buf[16];

@@ -6,6 +6,7 @@
 
 #include <log/log.h>
 
+#include "config/LogText.h"
 #include "config/TextList.h"
 #include "config/Tokens.h"
 
@@ -79,11 +80,19 @@ void Parameters::parseList(const std::string& source, std::vector<std::string>& 
         // Entries end up as arguments of rule commands: only decimal UIDs and
         // address literals get through.
         if (needDecimal && !vord::isDecimalUid(entry)) {
-            ALOGE("%s refused entry \"%s\": not a decimal UID", funcName, entry.c_str());
+            ALOGE("%s refused entry \"%s\": not a decimal UID", funcName,
+                  vord::escapeForLog(entry, 64).c_str());
+            continue;
+        }
+        // Root's traffic, the daemon's own probes included, is never steered.
+        if (needDecimal && vord::isRootUid(entry)) {
+            ALOGE("%s refused entry \"%s\": UID 0 (root) is never steered", funcName,
+                  entry.c_str());
             continue;
         }
         if (needAddress && !vord::isIpAddressLiteral(entry)) {
-            ALOGE("%s refused entry \"%s\": not an IP address", funcName, entry.c_str());
+            ALOGE("%s refused entry \"%s\": not an IP address", funcName,
+                  vord::escapeForLog(entry, 64).c_str());
             continue;
         }
         parsed.push_back(entry);

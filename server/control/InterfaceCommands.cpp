@@ -10,8 +10,10 @@
 
 #include <algorithm>
 
+#include "config/LogText.h"
 #include "config/Parameters.h"
 #include "config/TextList.h"
+#include "config/Tokens.h"
 #include "control/ControlState.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
@@ -20,6 +22,10 @@ std::vector<std::string> interfacelist;
 std::vector<std::string> preinterfacelist;
 
 namespace {
+
+// Most interfaces one list may name. Each add re-maps every statistics block
+// (with retries) while the registry is locked, and only four mark slots exist.
+constexpr size_t kMaxListedInterfaces = 8;
 
 bool contains(const std::vector<std::string>& list, const std::string& name) {
     return std::find(list.begin(), list.end(), name) != list.end();
@@ -30,6 +36,12 @@ bool contains(const std::vector<std::string>& list, const std::string& name) {
 int addInterfaces(const char* name) {
     Parameters* params = controlParameters();
     if (params == nullptr) return -1;
+    // Refused before anything is built: no record, no mark slot, no block, no rule.
+    if (const char* why = vord::unmanageableInterfaceReason(name)) {
+        ALOGE("%s refused interface \"%s\": %s", "addInterfaces",
+              vord::escapeForLog(name, 64).c_str(), why);
+        return -1;
+    }
     IptablesManager* iptables = IptablesManager::instance();
     SlaStatsImpl* sla = SlaStatsImpl::instance();
     params->UpdateInterface(name, true);
@@ -42,6 +54,8 @@ int addInterfaces(const char* name) {
 int removeInterfaces(const char* name) {
     Parameters* params = controlParameters();
     if (params == nullptr) return -1;
+    // A name refused when it was added has nothing to take down.
+    if (vord::unmanageableInterfaceReason(name) != nullptr) return 0;
     IptablesManager* iptables = IptablesManager::instance();
     SlaStatsImpl* sla = SlaStatsImpl::instance();
     // The rules go first, while the record still exists.
@@ -52,24 +66,33 @@ int removeInterfaces(const char* name) {
 }
 
 void updateInterfaces(const char* list) {
-    interfacelist.clear();
-    if (list == nullptr) return;
-    interfacelist = vord::splitCommaList(list);
+    if (list == nullptr) {
+        interfacelist.clear();
+        return;
+    }
+    std::vector<std::string> names = vord::splitCommaList(list);
+    if (names.size() > kMaxListedInterfaces) {
+        // Refused as a whole: the managed interfaces stay as they are.
+        ALOGE("%s refused a list of %zu interfaces (at most %zu)", "updateInterfaces",
+              names.size(), kMaxListedInterfaces);
+        return;
+    }
+    interfacelist = names;
 
     for (const std::string& name : preinterfacelist) {
         if (contains(interfacelist, name)) continue;
-        ALOGI("remove Interfaces is %s", name.c_str());
+        ALOGI("remove Interfaces is %s", vord::escapeForLog(name, 64).c_str());
         removeInterfaces(name.c_str());
     }
     for (const std::string& name : interfacelist) {
         if (contains(preinterfacelist, name)) continue;
-        ALOGI("add Interfaces is %s", name.c_str());
+        ALOGI("add Interfaces is %s", vord::escapeForLog(name, 64).c_str());
         addInterfaces(name.c_str());
     }
 
     preinterfacelist.clear();
     preinterfacelist = vord::splitCommaList(list);
     for (const std::string& name : preinterfacelist) {
-        ALOGI("preinterfacelist is %s", name.c_str());
+        ALOGI("preinterfacelist is %s", vord::escapeForLog(name, 64).c_str());
     }
 }

@@ -38,6 +38,7 @@
 
 #include <vord/RootPath.h>
 
+#include "config/LogText.h"
 #include "config/Parameters.h"
 #include "control/ControlState.h"
 #include "control/InterfaceCommands.h"
@@ -66,6 +67,11 @@ std::atomic<bool> g_stopRequested{false};
 
 // Payload of the last accepted gateway command; control thread only.
 char g_lastGateway[64] = "";
+
+// Credentials of the client being served (control thread only). The socket is
+// open to every local user and serves one client at a time, so the log names
+// who holds it.
+ucred g_client{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
 
 // What the control thread does after a phase: serve the accepted client, start
 // over from the restart point, or end.
@@ -139,7 +145,15 @@ Next acceptClient(int listenFd, const sigset_t& waitMask, int& clientFd) {
             return Next::Restart;
         }
         clientFd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (clientFd >= 0) return Next::Serve;
+        if (clientFd >= 0) {
+            socklen_t len = sizeof(g_client);
+            if (getsockopt(clientFd, SOL_SOCKET, SO_PEERCRED, &g_client, &len) != 0) {
+                g_client = ucred{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+            }
+            ALOGI("control client accepted: pid=%d uid=%d", static_cast<int>(g_client.pid),
+                  static_cast<int>(g_client.uid));
+            return Next::Serve;
+        }
         int err = errno;
         if (stopRequested()) return Next::Exit;
         // The listening socket does not block: a client that vanished between the
@@ -155,12 +169,8 @@ Next acceptClient(int listenFd, const sigset_t& waitMask, int& clientFd) {
 // limit is dropped silently and reading goes on, so the records queued behind it
 // are not stranded until the client writes again.
 void drain(int clientFd, int epfd, msg_t& buffer) {
-    while (!stopRequested() && g_epollFd.load() == epfd && receiveRecord(clientFd, buffer)) {
-        if (buffer.length > kMaxTextLength) continue;
-        ALOGI("recv msg: msg.id=%d, msg.length=%d, msg.message=[%s]\n", buffer.id, buffer.length,
-              buffer.message);
-        handleMessage(buffer);
-    }
+    drainRecords(clientFd, buffer,
+                 [epfd] { return !stopRequested() && g_epollFd.load() == epfd; }, handleMessage);
 }
 
 // Serves the accepted client until it hangs up (Restart) or a stop (Exit).
@@ -180,6 +190,8 @@ Next serveClient(int clientFd, int epfd, const sigset_t& waitMask, msg_t& buffer
         // hung up is not read.
         if (event.events & EPOLLHUP) {
             ALOGE("socket EPOLLHUP error, retry create socket");
+            ALOGI("control client hung up: pid=%d uid=%d", static_cast<int>(g_client.pid),
+                  static_cast<int>(g_client.uid));
             epoll_ctl(epfd, EPOLL_CTL_DEL, clientFd, nullptr);
             return Next::Restart;
         }
@@ -340,6 +352,16 @@ void handleMessage(msg_t msg) {
         case 13: notAvailableYet("setGameAiModeEnable", msg.id); break;
         case 14: notAvailableYet("setGameAiModeCheckRtt", msg.id); break;
         default: ALOGE("unknow mesage!!!"); break;
+    }
+}
+
+void drainRecords(int fd, msg_t& buffer, const std::function<bool()>& keepGoing,
+                  void (*dispatch)(msg_t)) {
+    while (keepGoing() && receiveRecord(fd, buffer)) {
+        if (buffer.length > kMaxTextLength) continue;
+        ALOGI("recv msg: msg.id=%d, msg.length=%d, msg.message=[%s]\n", buffer.id, buffer.length,
+              vord::escapeForLog(buffer.message).c_str());
+        dispatch(buffer);
     }
 }
 

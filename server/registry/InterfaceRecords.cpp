@@ -9,6 +9,7 @@
 #include <string.h>
 
 
+#include "config/LogText.h"
 #include "config/Parameters.h"
 #include "config/TextList.h"
 #include "config/Tokens.h"
@@ -53,7 +54,12 @@ std::string Parameters::getValidInterfaceMark(const char* name) {
             return formatMark(slot->mark);
         }
     }
-    // Every slot is held: a fifth interface shares the first slot's mark.
+    // Every slot is held: a fifth interface shares the first slot's mark, and
+    // building its rules replaces the first interface's policy routing rule.
+    ALOGW("%s every mark slot is held: %s shares mark 0x200000 with %s, and its routing rule "
+          "replaces the one of %s",
+          "getValidInterfaceMark", vord::escapeForLog(name, 64).c_str(),
+          m_interfaceMarks.front()->ifaceName.c_str(), m_interfaceMarks.front()->ifaceName.c_str());
     return "0x200000";
 }
 
@@ -83,7 +89,8 @@ InterfaceInfo_t* Parameters::parseInterfaceParams(std::string params) {
     }
     std::vector<std::string> fields = vord::splitCommaList(params);
     for (size_t i = 0; i < fields.size(); ++i) {
-        ALOGI("parseInterfaceParams %s %d %d ", fields[i].c_str(), static_cast<int>(i + 1),
+        ALOGI("parseInterfaceParams %s %d %d ", vord::escapeForLog(fields[i], 128).c_str(),
+              static_cast<int>(i + 1),
               kInterfaceFields);
     }
     if (fields.size() != kInterfaceFields) {
@@ -131,15 +138,25 @@ int Parameters::validateInterfaceParams(InterfaceInfo_t* info) {
     if (!valid) return 0;
     // The name, the table and the mark go into rule commands as arguments.
     if (!vord::isValidInterfaceName(info->name)) {
-        ALOGE("%s Interface name \"%s\" is not a valid interface name", fn, info->name);
+        ALOGE("%s Interface name \"%s\" is not a valid interface name", fn,
+              vord::escapeForLog(info->name, 64).c_str());
         return 0;
     }
     if (!vord::isValidInterfaceName(info->routeTable)) {
-        ALOGE("%s Interface routeTable \"%s\" is not a valid table name", fn, info->routeTable);
+        ALOGE("%s Interface routeTable \"%s\" is not a valid table name", fn,
+              vord::escapeForLog(info->routeTable, 64).c_str());
+        return 0;
+    }
+    // A policy rule into "main", "local" or a numbered table would steer traffic
+    // into the kernel's own tables.
+    if (vord::isKernelRouteTableName(info->routeTable)) {
+        ALOGE("%s Interface routeTable \"%s\" is one of the kernel's own tables", fn,
+              info->routeTable);
         return 0;
     }
     if (!vord::isHexMark(info->fwmark)) {
-        ALOGE("%s Interface fwmark \"%s\" is not a hexadecimal mark", fn, info->fwmark);
+        ALOGE("%s Interface fwmark \"%s\" is not a hexadecimal mark", fn,
+              vord::escapeForLog(info->fwmark, 64).c_str());
         return 0;
     }
     ALOGI("%s Interface name is       %s", fn, info->name);

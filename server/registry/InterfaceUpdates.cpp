@@ -8,6 +8,7 @@
 #include <string.h>
 
 
+#include "config/LogText.h"
 #include "config/Parameters.h"
 #include "config/TextList.h"
 #include "config/Tokens.h"
@@ -17,6 +18,15 @@ namespace {
 bool isCellularName(const std::string& name) {
     return name.compare(0, 10, "rmnet_data") == 0 || name.compare(0, 5, "ccmni") == 0 ||
            name.compare(0, 4, "wwan") == 0;
+}
+
+// Decimal digits only, 1 to 9 of them (atoi reads them exactly).
+bool isModeText(const char* mode) {
+    size_t n = 0;
+    for (; mode[n] != '\0'; ++n) {
+        if (n >= 9 || mode[n] < '0' || mode[n] > '9') return false;
+    }
+    return n > 0;
 }
 
 
@@ -71,11 +81,11 @@ void Parameters::populatIfaceslist(const char* ifaces) {
 void Parameters::UpdateInterface(const char* ifname, bool add) {
     if (ifname == nullptr) return;
     if (add) {
-        // The name becomes an argument of rule commands: refuse it before it takes
-        // a mark slot.
-        if (!vord::isValidInterfaceName(ifname)) {
-            ALOGE("%s refused interface \"%s\": not a valid interface name", "UpdateInterface",
-                  ifname);
+        // The name becomes an argument of rule commands and the routing table of
+        // its rule: refuse it before it takes a mark slot.
+        if (const char* why = vord::unmanageableInterfaceReason(ifname)) {
+            ALOGE("%s refused interface \"%s\": %s", "UpdateInterface",
+                  vord::escapeForLog(ifname, 64).c_str(), why);
             return;
         }
         populatIfaceslist(ifname);
@@ -98,6 +108,13 @@ void Parameters::UpdateInterface(const char* ifname, bool add) {
 
 void Parameters::UpdateInterfaceMode(const char* mode) {
     if (mode == nullptr) return;
+    // The mode text becomes a field of the parameter strings of later cellular
+    // interfaces: anything but a decimal number would make them fail to parse.
+    if (!isModeText(mode)) {
+        ALOGE("%s refused mode \"%s\": not a decimal number", "UpdateInterfaceMode",
+              vord::escapeForLog(mode, 64).c_str());
+        return;
+    }
     {
         std::lock_guard<std::mutex> lock(m_listMutex);
         if (m_interfaceMode == mode) return;
@@ -118,7 +135,7 @@ void Parameters::UpdateInterfaceBssid(const char* bssids) {
     for (const char* p = bssids; *p; ++p) {
         if (*p != ':') copy.push_back(*p);
     }
-    ALOGI("%s bssid is %s\n", "UpdateInterfaceBssid", copy.c_str());
+    ALOGI("%s bssid is %s\n", "UpdateInterfaceBssid", vord::escapeForLog(copy, 128).c_str());
     std::vector<std::string> parts = vord::splitCommaList(copy);
     for (const std::string& part : parts) {
         if (part.size() > 12) {

@@ -10,6 +10,7 @@
 
 #include <string>
 
+#include "config/LogText.h"
 #include "config/Tokens.h"
 #include "rules/execnetd.h"
 
@@ -17,16 +18,8 @@ namespace rules {
 
 namespace {
 
-// The refused text as it may be logged: control characters shown as "?", and cut
-// to 64 characters.
-std::string printable(const char* text) {
-    std::string out;
-    for (const char* p = text; *p && out.size() < 64; ++p) {
-        unsigned char c = static_cast<unsigned char>(*p);
-        out.push_back(c < 0x20 || c == 0x7f ? '?' : *p);
-    }
-    return out;
-}
+// The refused text as it may be logged: escaped, and cut to 64 characters.
+std::string printable(const char* text) { return vord::escapeForLog(text, 64); }
 
 bool refuse(const char* func, const char* what, const char* text) {
     ALOGE("%s refused %s \"%s\": no command issued for it", func, what,
@@ -68,7 +61,10 @@ bool checkInterfaceName(const char* func, const char* name) {
 }
 
 bool checkRouteTable(const char* func, const char* table) {
-    if (table != nullptr && vord::isValidInterfaceName(table)) return true;
+    if (table != nullptr && vord::isValidInterfaceName(table) &&
+        !vord::isKernelRouteTableName(table)) {
+        return true;
+    }
     return refuse(func, "route table", table);
 }
 
@@ -78,7 +74,7 @@ bool checkMark(const char* func, const char* mark) {
 }
 
 bool checkUid(const char* func, const char* uid) {
-    if (uid != nullptr && vord::isDecimalUid(uid)) return true;
+    if (uid != nullptr && vord::isDecimalUid(uid) && !vord::isRootUid(uid)) return true;
     return refuse(func, "UID", uid);
 }
 

@@ -6,8 +6,10 @@
 
 #include <log/log.h>
 
+#include <errno.h>
 #include <string.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include "config/Parameters.h"
 #include "sla/SlaStatsBlock.h"
@@ -32,15 +34,53 @@ uint64_t nowMs() {
 
 }  // namespace
 
-SlaStatsData::SlaStatsData(void* addr, bool wlan, Parameters* params)
-    : mmapAddr(addr), isWlan(wlan), m_params(params) {}
+SlaStatsData::SlaStatsData(void* addr, bool wlan, Parameters* params, int blockFd)
+    : mmapAddr(addr), isWlan(wlan), m_params(params), m_blockFd(blockFd) {}
 
-uint32_t SlaStatsData::linkRateEstimate(unsigned* packCount, char* /*ifname*/) {
-    const auto* block = static_cast<const sla::StatsBlock*>(mmapAddr);
+SlaStatsData::~SlaStatsData() {
+    if (m_blockFd >= 0) close(m_blockFd);
+}
+
+const sla::StatsBlock* SlaStatsData::currentBlock(const char* ifname) {
+    if (m_blockFd < 0) return static_cast<const sla::StatsBlock*>(mmapAddr);
+    // pread cannot fault: a file cut short under the mapping only gives a short
+    // read here, where reading the mapping past the file's end would raise SIGBUS.
+    if (!m_copy) m_copy.reset(new sla::StatsBlock());
+    char* dst = reinterpret_cast<char*>(m_copy.get());
+    size_t got = 0;
+    while (got < sla::kStatsBlockSize) {
+        ssize_t n = pread(m_blockFd, dst + got, sla::kStatsBlockSize - got, static_cast<off_t>(got));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        got += static_cast<size_t>(n);
+    }
+    if (got < sla::kStatsBlockSize) {
+        if (!m_shortLogged) {
+            ALOGE("%s: statistics block of %s holds %zu of %zu bytes; skipped until it is whole",
+                  isWlan ? "WLAN" : "WWAN", ifname != nullptr ? ifname : "?", got,
+                  sla::kStatsBlockSize);
+            m_shortLogged = true;
+        }
+        return nullptr;
+    }
+    if (m_shortLogged) {
+        ALOGI("%s: statistics block of %s is whole again", isWlan ? "WLAN" : "WWAN",
+              ifname != nullptr ? ifname : "?");
+        m_shortLogged = false;
+    }
+    return m_copy.get();
+}
+
+uint32_t SlaStatsData::linkRateEstimate(unsigned* packCount, char* ifname) {
     Parameters* params = m_params != nullptr ? m_params : Parameters::instance();
     unsigned scratch = 0;
     if (packCount == nullptr) packCount = &scratch;
 
+    const sla::StatsBlock* block = currentBlock(ifname);
+    if (block == nullptr && m_blockFd >= 0) {
+        *packCount = 0;
+        return 0;
+    }
     if (block == nullptr || loadWord(&block->magic) != sla::kStatsMagic) {
         ALOGE("SLA stat colletct is not ready");
         return 0;

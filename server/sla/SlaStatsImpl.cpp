@@ -45,14 +45,22 @@ bool isCellularName(const char* name) {
            strncmp(name, "wwan", 4) == 0;
 }
 
+// Whether the block's file can change size under a mapping: any regular file
+// but the module's own procfs file (procfs reports a size of 0 for it, and it
+// cannot be truncated).
+bool isResizable(int fd) {
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    struct statfs fs;
+    return !(fstatfs(fd, &fs) == 0 && fs.f_type == PROC_SUPER_MAGIC);
+}
+
 // A block file must cover the whole block before it is read, or the first read
-// past its end faults. procfs reports a size of 0 for the module's files, so the
-// test applies to files elsewhere only (a host stand-in for the module).
+// past its end faults. Applies to resizable files only (a host stand-in for the
+// module).
 bool coversBlock(int fd) {
     struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return true;
-    struct statfs fs;
-    if (fstatfs(fd, &fs) == 0 && fs.f_type == PROC_SUPER_MAGIC) return true;
+    if (!isResizable(fd) || fstat(fd, &st) != 0) return true;
     return st.st_size >= static_cast<off_t>(sla::kStatsBlockSize);
 }
 
@@ -124,7 +132,8 @@ bool SlaStatsImpl::enableSLA(bool enable) {
     return writeStatsConfFile(line) == 0;
 }
 
-void* SlaStatsImpl::getStatsMmap(std::string ifname) {
+void* SlaStatsImpl::getStatsMmap(std::string ifname, int* blockFd) {
+    if (blockFd != nullptr) *blockFd = -1;
     char path[128];
     snprintf(path, sizeof(path), "%s%s%s_mmap", kSlaDir, "/", ifname.c_str());
     int fd = open(vord::resolvePath(path).c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0777);
@@ -139,10 +148,17 @@ void* SlaStatsImpl::getStatsMmap(std::string ifname) {
     }
     void* addr = mmap(nullptr, sla::kStatsBlockSize, PROT_READ, MAP_SHARED, fd, 0);
     int err = errno;
-    close(fd);
     if (addr == MAP_FAILED) {
+        close(fd);
         ALOGE("mmap stats file failed:%s", strerror(err));
         return nullptr;
+    }
+    // A file that may shrink later is kept open: the estimator copies the block
+    // from it instead of reading the mapping.
+    if (blockFd != nullptr && isResizable(fd)) {
+        *blockFd = fd;
+    } else {
+        close(fd);
     }
     return addr;
 }
@@ -175,13 +191,14 @@ bool SlaStatsImpl::initMmap() {
         const bool isWlan = !(record->metered || isCellularName(record->name));
 
         void* addr = nullptr;
+        int blockFd = -1;
         for (int attempt = 0; attempt < kMmapAttempts; ++attempt) {
-            addr = getStatsMmap(record->name);
+            addr = getStatsMmap(record->name, &blockFd);
             if (addr != nullptr) break;
             usleep(kMmapRetrySleepUs);
         }
         if (addr != nullptr) {
-            wrapper->stats = new SlaStatsData(addr, isWlan);
+            wrapper->stats = new SlaStatsData(addr, isWlan, nullptr, blockFd);
             ++mapped;
         }
         {

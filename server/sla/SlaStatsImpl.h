@@ -37,7 +37,10 @@ class SlaStatsImpl {
     bool enableSLA(bool enable);
     int writeStatsConfFile(const char* line);
     bool initMmap();
-    void* getStatsMmap(std::string ifname);
+    // Maps one interface's block. With `blockFd`, it also receives the block's
+    // open file when that file can shrink under the mapping (see SlaStatsData),
+    // else -1.
+    void* getStatsMmap(std::string ifname, int* blockFd = nullptr);
     void freeMmap();
     bool updateSlaInterfacemap(const char* ifname, bool add);
     void enableSlaVoipState(bool enable, const char* uid);

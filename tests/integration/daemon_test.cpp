@@ -74,7 +74,7 @@ TEST(Vordctl, HelpAndRefusals) {
         EXPECT_NE(out.find(std::string("  ") + name + " "), std::string::npos) << name;
     }
     const std::pair<const char*, const char*> cases[] = {
-        {"mode 0", "cannot connect"},  // no daemon running
+        {"mode 0", "vord is not listening"},  // no daemon running
         {"reboot now", "unknown command 'reboot'"},
         {"ifaces wlan0 gateway", "missing payload for 'gateway'"},
     };

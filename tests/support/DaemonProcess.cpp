@@ -33,10 +33,11 @@ bool pollUntil(std::chrono::milliseconds timeout, Done done) {
     return true;
 }
 
-// True while a socket bound at `path` listens: /proc/net/unix lists it with the
+// True while a socket bound at `path` listens: the unix socket table of the
+// daemon's network namespace (/proc/PID/net/unix) lists it with the
 // __SO_ACCEPTCON flag.
-bool listening(const std::string& path) {
-    std::istringstream table(readWholeFile("/proc/net/unix"));
+bool listening(const std::string& path, pid_t pid) {
+    std::istringstream table(readWholeFile("/proc/" + std::to_string(pid) + "/net/unix"));
     for (std::string line; std::getline(table, line);) {
         if (line.find(" 00010000 ") != std::string::npos && line.size() > path.size() &&
             line.compare(line.size() - path.size() - 1, std::string::npos, " " + path) == 0) {
@@ -73,14 +74,19 @@ DaemonProcess::~DaemonProcess() {
 }
 
 void DaemonProcess::start() {
-    const std::string logPath = root_.at("/vord.log"), bin = binPath("vord");
+    const std::string logPath = root_.at("/vord.log");
+    std::vector<std::string> args = prefix_;
+    args.push_back(binPath("vord"));
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
     pid_ = fork();
     if (pid_ != 0) return;
     int fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     dup2(fd, STDOUT_FILENO);
     dup2(fd, STDERR_FILENO);
     setenv("VORD_ROOT", root_.path().c_str(), 1);
-    execl(bin.c_str(), bin.c_str(), static_cast<char*>(nullptr));
+    execvp(argv[0], argv.data());
     _exit(127);
 }
 
@@ -110,7 +116,7 @@ bool DaemonProcess::waitForLog(const std::string& needle, std::chrono::milliseco
 
 bool DaemonProcess::waitUntilServing(std::chrono::milliseconds timeout) const {
     return waitForLog("Created socket success", timeout) &&
-           pollUntil(timeout, [&] { return listening(root_.at("/dev/socket/vord")); });
+           pollUntil(timeout, [&] { return listening(root_.at("/dev/socket/vord"), pid_); });
 }
 
 long DaemonProcess::cpuTimeMs() const {
@@ -150,6 +156,11 @@ bool ControlClient::send(int id, const std::string& text, int length) {
     msg.length = length >= 0 ? length : static_cast<int>(text.size());
     memcpy(msg.message, text.data(), std::min(text.size(), sizeof(msg.message)));
     return fd_ >= 0 && ::send(fd_, &msg, sizeof(msg), MSG_NOSIGNAL) == sizeof(msg);
+}
+
+bool ControlClient::sendRaw(const std::string& bytes) {
+    return fd_ >= 0 && ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+                           static_cast<ssize_t>(bytes.size());
 }
 
 void ControlClient::close() {

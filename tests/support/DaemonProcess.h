@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "TempRoot.h"
 
@@ -25,6 +26,10 @@ class DaemonProcess {
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess&) = delete;
 
+    // Programs that start vord in place of a plain exec, e.g. a link lab's
+    // {"vord-linklab", "exec", NAME, "--"}; each must exec what follows it, so
+    // the process stays the daemon's.
+    void setCommandPrefix(std::vector<std::string> prefix) { prefix_ = std::move(prefix); }
     // Starts vord with VORD_ROOT set; stdout and stderr go to "<root>/vord.log".
     void start();
     bool alive();
@@ -47,6 +52,7 @@ class DaemonProcess {
 
   private:
     const TempRoot& root_;
+    std::vector<std::string> prefix_;
     pid_t pid_ = -1;
 };
 
@@ -61,6 +67,8 @@ class ControlClient {
     bool connect(std::chrono::milliseconds timeout);
     // One record as one write of 1032 bytes. `length` defaults to the size of `text`.
     bool send(int id, const std::string& text, int length = -1);
+    // `bytes` as they are, in one write (a short or malformed record).
+    bool sendRaw(const std::string& bytes);
     void close();
 
   private:

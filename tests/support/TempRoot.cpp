@@ -18,8 +18,10 @@ std::string readWholeFile(const std::string& path) {
 }
 
 TempRoot::TempRoot() {
-    char tmpl[] = "/tmp/vord-test-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) throw std::runtime_error("mkdtemp failed");
+    const char* tmp = getenv("TMPDIR");
+    std::string tmpl =
+        std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/vord-test-XXXXXX";
+    if (mkdtemp(&tmpl[0]) == nullptr) throw std::runtime_error("mkdtemp failed in " + tmpl);
     path_ = tmpl;
     for (const char* dir : {"/vendor/etc/sla", "/dev/socket", "/proc/sla", "/system/bin",
                             "/properties", "/record"}) {

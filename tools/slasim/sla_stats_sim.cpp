@@ -5,6 +5,12 @@
 // with interval records at the rate given for the link. Rates come from the
 // command line and can be changed while it runs (stdin lines or a rates file),
 // or follow a host interface's byte counters.
+//
+// The record interval matters to the daemon: its estimator stops adding intervals
+// once it has seen 102400 bytes, and it discards an estimate made of fewer than
+// "estimate_pack_num" intervals, so a link whose records hold too many bytes reads
+// as 0. Unless --interval is given, the interval is chosen from the rates (and
+// shortened when a rate goes up) so that the daemon can read every one of them.
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -20,6 +26,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -42,13 +49,31 @@ const char kUsage[] =
     "  sla_voip_state    written once with --voip.\n"
     "\n"
     "RATE is a number with a unit: bit, kbit (default) or mbit, where 1 kbit is\n"
-    "1024 bits and 1 mbit 1024 kbit, the daemon's own units (e.g. wlan0=8000kbit,\n"
-    "rmnet_data0=4mbit). RATE 'live' or 'live:DEV' follows the tx_bytes+rx_bytes\n"
-    "counters of the host interface IFNAME (or DEV) in /sys/class/net.\n"
+    "1024 bits and 1 mbit 1024 kbit, the daemon's own units. RATE 'live' or\n"
+    "'live:DEV' follows the tx_bytes+rx_bytes counters of the host interface IFNAME\n"
+    "(or DEV) in /sys/class/net.\n"
+    "\n"
+    "Record interval: vord's estimator stops at 102400 bytes and needs\n"
+    "estimate_pack_num intervals (default 5) within ideal_est_window (default\n"
+    "500 ms), both read from <root>/vendor/etc/sla/vord.conf when present. Without\n"
+    "--interval the interval is at most 100 ms and short enough for the highest\n"
+    "rate (e.g. 18 ms at 8 mbit); a rate too high even for 2 ms records (above\n"
+    "75000 kbit with the defaults) is refused. An --interval too long for a rate\n"
+    "is refused with the interval that would work. 'live' rates are not known in\n"
+    "advance: give them a short --interval if they run fast.\n"
+    "\n"
+    "Examples, each read by vord with its default vord.conf:\n"
+    "  sla_stats_sim wlan0=1200kbit rmnet_data0=600kbit\n"
+    "      wlan0 gets 1200/1600 (wifi_threshold) = 0.75 of new connections,\n"
+    "      rmnet_data0 the remaining 0.25\n"
+    "  sla_stats_sim wlan0=8mbit rmnet_data0=4mbit\n"
+    "      records every 18 ms; Wi-Fi above wifi_threshold takes every new\n"
+    "      connection (wlan0 1.0, rmnet_data0 0)\n"
     "\n"
     "options:\n"
     "  --root DIR         sandbox root (default: $VORD_ROOT, else /)\n"
-    "  --interval MS      record period in milliseconds (default 100)\n"
+    "  --interval MS      record period in milliseconds (default: chosen from the\n"
+    "                     rates, at most 100)\n"
     "  --rates-file FILE  IFNAME=RATE lines, read again whenever the file changes\n"
     "  --live IFNAME[=DEV]  same as IFNAME=live[:DEV]\n"
     "  --voip ADDR:PORT   write the VoIP peer in the module's encoding\n"
@@ -71,6 +96,68 @@ uint64_t monoMs() {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
+}
+
+// What the daemon's estimator needs from the records (see the top of the file).
+constexpr double kMaxEstimateBytes = 102400;  // fixed in the daemon
+constexpr uint32_t kDefaultIntervalMs = 100;
+constexpr uint32_t kMinIntervalMs = 2;
+// The records of the first estimate_pack_num - 1 intervals stay this far under the
+// byte limit, so that a late tick (a longer interval) does not cross it.
+constexpr double kByteMargin = 0.75;
+
+struct EstimatorLimits {
+    int packNum = 5;      // "estimate_pack_num"
+    int idealMs = 500;    // "ideal_est_window"
+    std::string source = "the defaults";
+};
+
+// The two keys from the daemon's configuration file, read as the daemon reads
+// them: a '#' cuts the line one character early, blanks and tabs around keys and
+// values go, numbers are atoi'ed, the last of repeated keys wins.
+EstimatorLimits readLimits(const std::string& root) {
+    EstimatorLimits limits;
+    const std::string path = root + "/vendor/etc/sla/vord.conf";
+    std::ifstream in(path);
+    if (!in.is_open()) return limits;
+    limits.source = path;
+    auto trim = [](std::string t) {
+        size_t hash = t.find('#');
+        if (hash != std::string::npos && hash >= 1) t.erase(hash - 1);
+        size_t first = t.find_first_not_of(" \t"), last = t.find_last_not_of(" \t");
+        return first == std::string::npos ? std::string() : t.substr(first, last - first + 1);
+    };
+    for (std::string line; std::getline(in, line);) {
+        line = trim(line);
+        size_t eq = line.find('=');
+        if (line.empty() || line[0] == '#' || eq == std::string::npos) continue;
+        const std::string key = trim(line.substr(0, eq)), value = trim(line.substr(eq + 1));
+        if (key == "estimate_pack_num") limits.packNum = atoi(value.c_str());
+        if (key == "ideal_est_window") limits.idealMs = atoi(value.c_str());
+    }
+    return limits;
+}
+
+// The longest record interval at which the daemon reads `kbit`: estimate_pack_num
+// intervals fit in ideal_est_window, and all but the last of them stay under the
+// byte limit. 0 when not even kMinIntervalMs works.
+uint32_t longestReadableInterval(double kbit, const EstimatorLimits& limits) {
+    if (limits.packNum <= 1) return kDefaultIntervalMs;  // one interval always does
+    double ms = limits.idealMs > 0 ? static_cast<double>(limits.idealMs) / limits.packNum : 0;
+    const double bytesPerMs = kbit * 1024.0 / 8.0 / 1000.0;
+    if (bytesPerMs > 0) {
+        ms = std::min(ms, kByteMargin * kMaxEstimateBytes / (bytesPerMs * (limits.packNum - 1)));
+    }
+    ms = std::min(ms, static_cast<double>(kDefaultIntervalMs));
+    return ms < kMinIntervalMs ? 0 : static_cast<uint32_t>(ms);
+}
+
+// The highest rate the daemon reads at kMinIntervalMs records, in kbit/s.
+double highestReadableRate(const EstimatorLimits& limits) {
+    if (limits.packNum <= 1) return 1e12;
+    const double bytesPerMs =
+        kByteMargin * kMaxEstimateBytes / (kMinIntervalMs * (limits.packNum - 1));
+    return bytesPerMs * 8000.0 / 1024.0;
 }
 
 struct Link {
@@ -139,7 +226,53 @@ bool readCounter(const std::string& device, uint64_t& total) {
 
 class Simulator {
   public:
-    Simulator(std::string root, uint32_t intervalMs) : m_dir(root + "/proc/sla"), m_intervalMs(intervalMs) {}
+    // `intervalMs` 0: chosen from the rates.
+    Simulator(std::string root, uint32_t intervalMs)
+        : m_dir(root + "/proc/sla"),
+          m_intervalMs(intervalMs != 0 ? intervalMs : kDefaultIntervalMs),
+          m_autoInterval(intervalMs == 0),
+          m_limits(readLimits(root)) {}
+
+    uint32_t intervalMs() const { return m_intervalMs; }
+    void startRunning() { m_running = true; }
+
+    // Checks that the daemon can read every configured rate at the record
+    // interval, choosing the interval when it is not fixed (and saying so when
+    // `announce`). A rate it cannot read is reported on stderr; false then.
+    bool fitInterval(bool announce) {
+        uint32_t fitting = kDefaultIntervalMs;
+        bool ok = true;
+        for (const auto& entry : m_links) {
+            const Link& link = entry.second;
+            if (link.live) continue;
+            uint32_t longest = longestReadableInterval(link.kbit, m_limits);
+            if (longest == 0) {
+                fprintf(stderr,
+                        "sla_stats_sim: %s=%.0fkbit is more than vord can read: even with %u ms "
+                        "records its estimator, which stops at %.0f bytes, would see fewer than "
+                        "estimate_pack_num=%d intervals (%s); the highest readable rate is %.0f "
+                        "kbit\n",
+                        entry.first.c_str(), link.kbit, kMinIntervalMs, kMaxEstimateBytes,
+                        m_limits.packNum, m_limits.source.c_str(), highestReadableRate(m_limits));
+                ok = false;
+            } else if (!m_autoInterval && longest < m_intervalMs) {
+                fprintf(stderr,
+                        "sla_stats_sim: %s=%.0fkbit at --interval %u would read as 0 in vord: "
+                        "its estimator stops at %.0f bytes or ideal_est_window=%d ms before it "
+                        "has estimate_pack_num=%d intervals (%s); use --interval %u or shorter, "
+                        "or leave --interval out\n",
+                        entry.first.c_str(), link.kbit, m_intervalMs, kMaxEstimateBytes,
+                        m_limits.idealMs, m_limits.packNum, m_limits.source.c_str(), longest);
+                ok = false;
+            }
+            if (longest != 0) fitting = std::min(fitting, longest);
+        }
+        if (m_autoInterval && fitting != m_intervalMs) {
+            m_intervalMs = fitting;
+            if (announce) printf("record interval %u ms\n", m_intervalMs);
+        }
+        return ok;
+    }
 
     bool prepareDir() {
         std::string cur;
@@ -225,7 +358,8 @@ class Simulator {
             fprintf(stderr, "sla_stats_sim: ignored \"%s\" (want IFNAME=RATE)\n", line.c_str());
             return;
         }
-        setRate(name, rate);
+        // Before the start, main() checks all rates at once.
+        if (setRate(name, rate) && m_running) fitInterval(true);
     }
 
     // Re-reads the rates file when it changed since the last look.
@@ -373,6 +507,9 @@ class Simulator {
 
     std::string m_dir;
     uint32_t m_intervalMs;
+    bool m_autoInterval;
+    EstimatorLimits m_limits;
+    bool m_running = false;
     int m_configFd = -1;
     bool m_enabled = true;
     std::string m_pending;
@@ -385,7 +522,7 @@ class Simulator {
 int main(int argc, char** argv) {
     const char* envRoot = getenv("VORD_ROOT");
     std::string root = envRoot != nullptr && *envRoot != '\0' ? envRoot : "";
-    uint32_t intervalMs = 100;
+    uint32_t intervalMs = 0;  // chosen from the rates
     std::string ratesFile, voip;
     bool useConfig = true;
     std::vector<std::string> assignments;
@@ -452,12 +589,17 @@ int main(int argc, char** argv) {
         if (!sim.setRate(name, rate)) return 1;
     }
     sim.pollRatesFile(ratesFile);
+    // A rate the daemon cannot read at the start is refused; later changes (stdin,
+    // rates file) only warn.
+    if (!sim.fitInterval(false)) return 2;
+    printf("record interval %u ms\n", sim.intervalMs());
+    sim.startRunning();
     if (!voip.empty() && !sim.writeVoip(voip)) return 1;
     if (useConfig && !sim.openConfigFifo()) return 1;
 
     bool stdinOpen = true;
     std::string stdinPending;
-    uint64_t nextTick = monoMs() + intervalMs;
+    uint64_t nextTick = monoMs() + sim.intervalMs();
     while (!g_stop) {
         struct pollfd fds[2];
         nfds_t nfds = 0;
@@ -501,8 +643,8 @@ int main(int argc, char** argv) {
             sim.pollRatesFile(ratesFile);
             sim.tick();
             // Fixed cadence; after a long stall, start afresh instead of catching up.
-            nextTick += intervalMs;
-            if (nextTick <= now) nextTick = now + intervalMs;
+            nextTick += sim.intervalMs();
+            if (nextTick <= now) nextTick = now + sim.intervalMs();
         }
     }
     return 0;

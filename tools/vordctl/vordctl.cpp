@@ -1,13 +1,22 @@
 // vordctl: sends control commands to a running vord over its local socket.
 //
-//   vordctl [--socket PATH] [-n|--dry-run] COMMAND [PAYLOAD] [COMMAND [PAYLOAD]]...
+//   vordctl [--socket PATH] [--timeout SECONDS] [-n|--dry-run] COMMAND [PAYLOAD]...
 //
 // Every command becomes one 1032-byte record, written with one write; all
 // commands of one invocation go over one connection, in order. The daemon sends
 // no reply. It also drops data that a client leaves unread when it hangs up, so
 // before closing, vordctl waits until the daemon has read every record.
+//
+// The daemon serves one client at a time and runs each command to its end before
+// it reads the next record, so a connection can wait in its listen queue, or its
+// records in the socket, for as long as another client or a long command (an
+// interface add without the kernel module takes 1.5 s per mapped block) keeps it
+// busy. vordctl waits through that up to --timeout, saying so on stderr. No
+// socket file, or one that nobody listens on, is a daemon that is not running:
+// that fails at once.
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -55,14 +64,38 @@ const Command kCommands[] = {
 };
 
 constexpr size_t kMaxPayload = VORD_MSG_TEXT_SIZE - 1;
-constexpr auto kConnectRetry = std::chrono::seconds(1);
-constexpr auto kReadTimeout = std::chrono::seconds(5);
-// Lost connections are sent again until this much time has passed.
-constexpr auto kDeliveryTimeout = std::chrono::seconds(10);
+// The daemon re-creates its socket each time a client hangs up; a connection
+// refused (or a missing file) for longer than this is a daemon not listening.
+constexpr auto kRecreateWindow = std::chrono::milliseconds(500);
+constexpr int kDefaultTimeoutSeconds = 60;
+// A wait longer than this is reported once on stderr.
+constexpr auto kBusyNotice = std::chrono::milliseconds(1500);
+
+using Clock = std::chrono::steady_clock;
+
+// The whole delivery: connecting, queueing and the daemon reading the records.
+struct Wait {
+    Clock::time_point start = Clock::now();
+    Clock::time_point deadline;
+    int seconds = kDefaultTimeoutSeconds;
+    bool told = false;
+
+    bool over() const { return Clock::now() >= deadline; }
+    // Says once, after kBusyNotice, that the daemon is busy and how long we wait.
+    void noticeBusy() {
+        if (told || Clock::now() - start < kBusyNotice) return;
+        told = true;
+        fprintf(stderr,
+                "vordctl: vord is busy (serving another client or a long command); waiting up "
+                "to %d s\n",
+                seconds);
+    }
+};
 
 void usage(FILE* out) {
     fprintf(out,
-            "usage: vordctl [--socket PATH] [-n|--dry-run] COMMAND [PAYLOAD] [COMMAND [PAYLOAD]]...\n"
+            "usage: vordctl [--socket PATH] [--timeout SECONDS] [-n|--dry-run] COMMAND [PAYLOAD]\n"
+            "               [COMMAND [PAYLOAD]]...\n"
             "\n"
             "Sends commands to vord over its control socket, all over one connection, in\n"
             "order. The socket is /dev/socket/vord, under $VORD_ROOT when that is set.\n"
@@ -78,13 +111,17 @@ void usage(FILE* out) {
             "\n"
             "Options:\n"
             "  --socket PATH   connect to PATH instead\n"
+            "  --timeout SECONDS\n"
+            "                  how long to wait while vord is busy with another client or a\n"
+            "                  long command (default %d); without a listening daemon vordctl\n"
+            "                  fails at once\n"
             "  -n, --dry-run   print the records instead of sending them\n"
             "  -h, --help      this text\n"
             "\n"
             "Options come before the first command. Payloads are at most %zu bytes.\n"
             "Example: vordctl ifaces wlan0,rmnet_data0 gateway 192.168.1.1 whitelist 10123\n",
             "ID", "", "PAYLOAD", "a command by its id (1-14)", "raw", "", "ID TEXT",
-            "any id (the daemon ignores unknown ones)", kMaxPayload);
+            "any id (the daemon ignores unknown ones)", kDefaultTimeoutSeconds, kMaxPayload);
 }
 
 const Command* findCommand(const std::string& word) {
@@ -156,9 +193,11 @@ bool parseCommands(int argc, char** argv, int i, std::vector<msg_t>* records) {
     return true;
 }
 
-// Connects to the daemon. The daemon re-creates its socket each time a client
-// hangs up, so a refused connection is retried for a short while.
-int connectDaemon(const std::string& path) {
+// Connects to the daemon. A refused connection or a missing file is retried for
+// kRecreateWindow (the daemon may be re-creating its socket), then reported as a
+// daemon that is not listening. A full listen queue is a busy daemon: retried
+// until the deadline. -1 on failure, after a message.
+int connectDaemon(const std::string& path, Wait& wait) {
     sockaddr_un addr;
     memset(&addr, 0, sizeof(addr));
     addr.sun_family = AF_UNIX;
@@ -167,20 +206,39 @@ int connectDaemon(const std::string& path) {
         return -1;
     }
     memcpy(addr.sun_path, path.c_str(), path.size());
-    auto deadline = std::chrono::steady_clock::now() + kConnectRetry;
+    const auto refusedUntil = Clock::now() + kRecreateWindow;
     for (;;) {
-        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        // Non-blocking, so that a full listen queue fails with EAGAIN instead of
+        // blocking without a limit; the socket blocks again once connected.
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         if (fd < 0) {
             fprintf(stderr, "vordctl: socket: %s\n", strerror(errno));
             return -1;
         }
-        if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) return fd;
+        if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) {
+            fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+            return fd;
+        }
         int err = errno;
         close(fd);
-        bool transient = err == ENOENT || err == ECONNREFUSED || err == EAGAIN;
-        if (!transient || std::chrono::steady_clock::now() >= deadline) {
-            fprintf(stderr, "vordctl: cannot connect to %s: %s (is vord running?)\n", path.c_str(),
-                    strerror(err));
+        if (err == EAGAIN) {
+            if (wait.over()) {
+                fprintf(stderr,
+                        "vordctl: vord stayed busy for %d s (its listen queue is full); not sent "
+                        "(see --timeout)\n",
+                        wait.seconds);
+                return -1;
+            }
+            wait.noticeBusy();
+        } else if (err == ENOENT || err == ECONNREFUSED) {
+            if (Clock::now() >= refusedUntil) {
+                fprintf(stderr, "vordctl: vord is not listening on %s: %s (is vord running?)\n",
+                        path.c_str(),
+                        err == ENOENT ? "no socket file" : "connection refused");
+                return -1;
+            }
+        } else {
+            fprintf(stderr, "vordctl: cannot connect to %s: %s\n", path.c_str(), strerror(err));
             return -1;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -192,7 +250,8 @@ enum class Delivery { Done, Lost, Failed };
 // Writes the records and waits until the daemon has read all of them. Lost means
 // the connection was dropped unread (it was still queued on a listening socket
 // that the daemon replaced), so sending again is safe.
-Delivery sendRecords(int fd, const std::vector<msg_t>& records, const std::string& path) {
+Delivery sendRecords(int fd, const std::vector<msg_t>& records, const std::string& path,
+                     Wait& wait) {
     for (const msg_t& msg : records) {
         ssize_t n = send(fd, &msg, sizeof(msg), MSG_NOSIGNAL);
         if (n == static_cast<ssize_t>(sizeof(msg))) continue;
@@ -201,7 +260,6 @@ Delivery sendRecords(int fd, const std::vector<msg_t>& records, const std::strin
                 n < 0 ? strerror(errno) : "short write");
         return Delivery::Failed;
     }
-    auto deadline = std::chrono::steady_clock::now() + kReadTimeout;
     for (;;) {
         int unread = 0;
         if (ioctl(fd, SIOCOUTQ, &unread) != 0) {
@@ -209,13 +267,14 @@ Delivery sendRecords(int fd, const std::vector<msg_t>& records, const std::strin
             return Delivery::Failed;
         }
         if (unread == 0) break;
-        if (std::chrono::steady_clock::now() >= deadline) {
+        if (wait.over()) {
             fprintf(stderr,
-                    "vordctl: vord has not read the commands within %lld s (another client "
-                    "connected?)\n",
-                    static_cast<long long>(kReadTimeout.count()));
+                    "vordctl: vord has not read the commands within %d s (busy with another "
+                    "client or a long command; see --timeout)\n",
+                    wait.seconds);
             return Delivery::Failed;
         }
+        wait.noticeBusy();
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     int err = 0;
@@ -229,6 +288,7 @@ Delivery sendRecords(int fd, const std::vector<msg_t>& records, const std::strin
 int main(int argc, char** argv) {
     std::string socketPath = vord::resolvePath("/dev/socket/vord");
     bool dryRun = false;
+    Wait wait;
     int i = 1;
     for (; i < argc && argv[i][0] == '-' && argv[i][1] != '\0'; ++i) {
         std::string opt = argv[i];
@@ -239,6 +299,13 @@ int main(int argc, char** argv) {
             dryRun = true;
         } else if (opt == "--socket" && i + 1 < argc) {
             socketPath = argv[++i];
+        } else if (opt == "--timeout" && i + 1 < argc) {
+            int32_t seconds = 0;
+            if (!parseInt32(argv[++i], &seconds) || seconds < 1) {
+                fprintf(stderr, "vordctl: --timeout wants a whole number of seconds, at least 1\n");
+                return 2;
+            }
+            wait.seconds = seconds;
         } else {
             fprintf(stderr, "vordctl: unknown option '%s' (see vordctl --help)\n", opt.c_str());
             return 2;
@@ -262,16 +329,23 @@ int main(int argc, char** argv) {
     // Several clients at once compete for the one the daemon serves; the others are
     // dropped when it hangs up. A random pause spreads their next attempts.
     srand(static_cast<unsigned>(getpid()));
-    auto deadline = std::chrono::steady_clock::now() + kDeliveryTimeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        int fd = connectDaemon(socketPath);
+    wait.start = Clock::now();
+    wait.deadline = wait.start + std::chrono::seconds(wait.seconds);
+    for (;;) {
+        int fd = connectDaemon(socketPath, wait);
         if (fd < 0) return 1;
-        Delivery result = sendRecords(fd, records, socketPath);
+        Delivery result = sendRecords(fd, records, socketPath, wait);
         close(fd);
         if (result == Delivery::Done) return 0;
         if (result == Delivery::Failed) return 1;
+        // Dropped from the queue of a socket the daemon replaced after serving
+        // someone else: still busy, try again.
+        if (wait.over()) {
+            fprintf(stderr, "vordctl: %s kept dropping the connection for %d s\n",
+                    socketPath.c_str(), wait.seconds);
+            return 1;
+        }
+        wait.noticeBusy();
         std::this_thread::sleep_for(std::chrono::milliseconds(1 + rand() % 20));
     }
-    fprintf(stderr, "vordctl: %s kept dropping the connection\n", socketPath.c_str());
-    return 1;
 }

@@ -1,0 +1,255 @@
+// A link lab (tools/linklab) for end-to-end tests: a handset namespace with
+// links named like the handset's ("wlan0", "rmnet_data0", ...), each a TUN
+// device with a real one-way delay in each direction, route tables named after
+// the links, and behind them a peer namespace with the probe echo server
+// (1.1.1.1:443) and an application server (198.18.0.10:8080) that tells each
+// client which link its connection came in on. Links can be cut, restored and
+// re-timed while everything runs. The destructor removes the lab, and every
+// process still inside it.
+//
+//   LinkLab lab({{"wlan0", 20}, {"rmnet_data0", 15}});   // one-way ms
+//   ASSERT_EQ(lab.error(), "");
+//   lab.installTools(root);                    // rule tools act inside the lab
+//   daemon.setCommandPrefix(lab.commandPrefix());  // vord runs inside the lab
+//   auto app = lab.startClient(10123);         // an app as UID 10123
+//   app->waitForLine("connected ", 5s);  lab.cut("wlan0");
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "DaemonProcess.h"
+
+namespace vord {
+namespace test {
+
+// An application client inside the lab (vord-linklab client), one line per
+// event: "connected local=A:P peer=A:P link=L", "connection aborted: ERRNO",
+// "reconnected local=A:P peer=A:P link=L", "connect failed: ERRNO".
+class LabClient {
+  public:
+    explicit LabClient(const std::vector<std::string>& args) {
+        static int counter = 0;
+        out_ = "/tmp/vord-labclient-" + std::to_string(getpid()) + "-" + std::to_string(counter++) +
+               ".log";
+        std::vector<std::string> copy = args;
+        std::vector<char*> argv;
+        for (std::string& a : copy) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        pid_ = fork();
+        if (pid_ == 0) {
+            const int fd = open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            dup2(fd, STDOUT_FILENO);
+            dup2(fd, STDERR_FILENO);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+    }
+    ~LabClient() {
+        stop();
+        unlink(out_.c_str());
+    }
+    LabClient(const LabClient&) = delete;
+    LabClient& operator=(const LabClient&) = delete;
+
+    pid_t pid() const { return pid_; }
+    void stop() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        pid_ = -1;
+    }
+    std::string output() const { return readWholeFile(out_); }
+    std::vector<std::string> lines() const {
+        std::vector<std::string> out;
+        std::istringstream text(output());
+        for (std::string l; std::getline(text, l);) out.push_back(l);
+        return out;
+    }
+    // Lines that begin with `prefix`.
+    std::vector<std::string> linesStartingWith(const std::string& prefix) const {
+        std::vector<std::string> out;
+        for (const std::string& l : lines()) {
+            if (l.compare(0, prefix.size(), prefix) == 0) out.push_back(l);
+        }
+        return out;
+    }
+    // Waits until at least `nth` lines begin with `prefix`; returns the nth.
+    std::string waitForLine(const std::string& prefix, std::chrono::milliseconds timeout,
+                            size_t nth = 1) const {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        for (;;) {
+            const std::vector<std::string> found = linesStartingWith(prefix);
+            if (found.size() >= nth) return found[nth - 1];
+            if (std::chrono::steady_clock::now() > deadline) return "";
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    }
+    // The "link=" field of a "connected"/"reconnected" line.
+    static std::string linkOf(const std::string& line) {
+        const size_t at = line.find(" link=");
+        return at == std::string::npos ? "" : line.substr(at + 6, line.find(' ', at + 6) - at - 6);
+    }
+
+  private:
+    std::string out_;
+    pid_t pid_ = -1;
+};
+
+class LinkLab {
+  public:
+    struct Link {
+        std::string name;
+        int oneWayMs;  // each direction; the round trip is twice this
+    };
+
+    // Why a lab cannot be built here ("" when it can): not root, no TUN.
+    static std::string unavailable() {
+        if (geteuid() != 0) return "the link lab needs root (network namespaces, TUN devices)";
+        struct stat st;
+        if (stat("/dev/net/tun", &st) != 0) return "the link lab needs /dev/net/tun";
+        return "";
+    }
+
+    // `defaultLink` carries the main table's default route; the last link when empty.
+    explicit LinkLab(const std::vector<Link>& links, const std::string& defaultLink = "") {
+        removeOrphans();
+        static int counter = 0;
+        name_ = "vlab-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+        std::string cmd = tool() + " up " + name_;
+        for (const Link& l : links) cmd += " " + l.name + "=" + std::to_string(l.oneWayMs);
+        if (!defaultLink.empty()) cmd += " --default " + defaultLink;
+        std::string out;
+        if (shell(cmd, &out) != 0) error_ = "\"" + cmd + "\" failed: " + out;
+    }
+    ~LinkLab() {
+        std::string out;
+        if (shell(tool() + " down " + name_, &out) != 0) ADD_FAILURE() << "lab down: " << out;
+    }
+    LinkLab(const LinkLab&) = delete;
+    LinkLab& operator=(const LinkLab&) = delete;
+
+    const std::string& name() const { return name_; }
+    std::string peerName() const { return name_ + "-peer"; }
+    // Empty when the lab was built; else the failed command and its output.
+    const std::string& error() const { return error_; }
+    // Removes the lab (idempotent); true when nothing is left and the relay
+    // exited without a sanitizer report.
+    bool down() { return shell(tool() + " down " + name_) == 0; }
+
+    bool cut(const std::string& link) const { return run("cut " + name_ + " " + link); }
+    bool restore(const std::string& link) const { return run("restore " + name_ + " " + link); }
+    bool setDelay(const std::string& link, int oneWayMs) const {
+        return run("delay " + name_ + " " + link + " " + std::to_string(oneWayMs));
+    }
+    // How the echo server at 1.1.1.1:443 answers: exactly what it receives
+    // (the default), or `fill`: two more bytes after every 58 received, so the
+    // daemon's probe (58 out, up to 60 in with MSG_WAITALL) completes each
+    // exchange in one round trip instead of at its 500 ms receive time-out.
+    bool setProbeEcho(bool fill) const {
+        return run("probe-echo " + name_ + (fill ? " fill" : " exact"));
+    }
+    // "lab NAME pid N default LINK probe-echo exact|fill" then one line per link:
+    // "wlan0 delay=20ms rtt=40ms state=up|cut handset=... peer=... table=... ..."
+    std::string status() const { return output("status " + name_); }
+    // The servers' log: "echo|app accept|close peer=A:P link=L" lines.
+    std::string connectionLog() const { return output("log " + name_); }
+
+    // Output (stdout and stderr) of `cmd` run in the handset namespace; `cmd`
+    // goes through the shell first, so pipes run outside.
+    std::string exec(const std::string& cmd) const {
+        return output("exec " + name_ + " -- " + cmd);
+    }
+    std::string execPeer(const std::string& cmd) const {
+        return output("exec " + name_ + " --peer -- " + cmd);
+    }
+    // Prefix that runs a program inside the handset namespace, as `uid` when >= 0
+    // (for DaemonProcess::setCommandPrefix).
+    std::vector<std::string> commandPrefix(int uid = -1) const {
+        std::vector<std::string> p = {tool(), "exec", name_};
+        if (uid >= 0) p.insert(p.end(), {"--uid", std::to_string(uid)});
+        p.push_back("--");
+        return p;
+    }
+    // Installs the rule tools in `root`: the real iptables and ip, run in the lab.
+    void installTools(const TempRoot& root) const {
+        for (const std::string t : {"iptables", "ip"}) {
+            const std::string script = "#!/bin/sh\nexec ip netns exec " + name_ + " " + t;
+            root.writeFile("/system/bin/" + t + "-wrapper-1.0", script + " \"$@\"\n", 0755);
+        }
+    }
+
+    // The kernel's smoothed RTT (µs) of a TCP connection bound to `link` after
+    // `exchanges` echoed 58-byte exchanges with the probe server; -1 on failure.
+    long probeRttUs(const std::string& link, int exchanges = 10, int timeoutMs = 2000) const {
+        return field(probe(link, "--exchanges " + std::to_string(exchanges) + " --timeout " +
+                                     std::to_string(timeoutMs)),
+                     "rtt_us");
+    }
+    // The line of `vord-linklab probe NAME LINK ARGS`: "link=L local=A:P rtt_us=N
+    // min_rtt_us=N rttvar_us=N exchanges=N elapsed_ms=N", or an error text.
+    std::string probe(const std::string& link, const std::string& args = "") const {
+        return output("probe " + name_ + " " + link + " " + args);
+    }
+    // The number after " NAME=" in `line`; -1 when absent.
+    static long field(const std::string& line, const std::string& name) {
+        const size_t at = line.find(" " + name + "=");
+        return at == std::string::npos ? -1 : std::atol(line.c_str() + at + name.size() + 2);
+    }
+
+    // An application client running as `uid` in the handset namespace,
+    // talking to the application server (or `server`, "ADDR:PORT").
+    std::unique_ptr<LabClient> startClient(int uid, const std::string& server = "",
+                                           int intervalMs = 100) const {
+        std::vector<std::string> args = {tool(), "client", name_, "--uid", std::to_string(uid)};
+        args.insert(args.end(), {"--interval", std::to_string(intervalMs)});
+        if (!server.empty()) args.insert(args.end(), {"--server", server});
+        return std::make_unique<LabClient>(args);
+    }
+
+    static std::string tool() { return binPath("vord-linklab"); }
+
+  private:
+    // Labs of test processes that died without their destructor (a killed
+    // test run): "vlab-PID-N" whose PID is gone.
+    static void removeOrphans() {
+        DIR* dir = opendir("/run/vord-linklab");
+        if (dir == nullptr) return;
+        std::vector<std::string> orphans;
+        while (const dirent* e = readdir(dir)) {
+            const std::string n = e->d_name;
+            if (n.compare(0, 5, "vlab-") != 0) continue;
+            const pid_t owner = static_cast<pid_t>(std::atol(n.c_str() + 5));
+            if (owner > 0 && kill(owner, 0) != 0 && errno == ESRCH) orphans.push_back(n);
+        }
+        closedir(dir);
+        for (const std::string& n : orphans) shell(tool() + " down " + n);
+    }
+    bool run(const std::string& args) const { return shell(tool() + " " + args) == 0; }
+    std::string output(const std::string& args) const {
+        std::string out;
+        shell(tool() + " " + args, &out);
+        return out;
+    }
+
+    std::string name_, error_;
+};
+
+}  // namespace test
+}  // namespace vord

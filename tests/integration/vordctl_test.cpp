@@ -1,0 +1,89 @@
+// vordctl against a daemon that is busy (a long command holds the control
+// thread) and against no daemon at all.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "DaemonTest.h"
+
+namespace vord {
+namespace test {
+namespace {
+
+// The rule tool stand-in records every command and takes `seconds` over the one
+// that creates wlan0's mark chain, so that adding wlan0 keeps the control thread
+// busy that long.
+void installSlowTool(const TempRoot& root, int seconds) {
+    root.writeFile("/system/bin/iptables-wrapper-1.0",
+                   "#!/bin/sh\necho \"$*\" >> '" + root.at("/record/commands") +
+                       "'\ncase \"$*\" in *'-N vexo_fw_wlan0') sleep " + std::to_string(seconds) +
+                       ";; esac\n",
+                   0755);
+    root.installRecordingTool("ip-wrapper-1.0");
+    root.writeFile("/proc/sla/wlan0_mmap", std::string(20480, '\0'));  // mapped at once
+}
+
+TEST_F(DaemonTest, VordctlWaitsThroughABusyDaemonUpToItsTimeout) {
+    installSlowTool(root, 3);
+    ASSERT_NO_FATAL_FAILURE(startDaemon());
+    const std::string vordctl = "VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " ";
+    std::string first;
+    ASSERT_EQ(shell(vordctl + "ifaces wlan0", &first), 0) << first;  // read at once, then runs 3 s
+    ASSERT_TRUE(daemon.waitForLog("add Interfaces is wlan0")) << daemon.log();
+
+    // Behind it: one client with the default timeout, one that gives up after 1 s.
+    std::string impatient;
+    int impatientStatus = 0;
+    std::thread other([&] { impatientStatus = shell(vordctl + "--timeout 1 rtt 7", &impatient); });
+    std::string patient;
+    EXPECT_EQ(shell(vordctl + "rtt 42", &patient), 0) << patient << daemon.log();
+    other.join();
+    EXPECT_NE(patient.find("vord is busy (serving another client or a long command); waiting up "
+                           "to 60 s"),
+              std::string::npos)
+        << patient;
+    EXPECT_NE(impatientStatus, 0);
+    EXPECT_NE(impatient.find("within 1 s"), std::string::npos) << impatient;
+    EXPECT_NE(impatient.find("--timeout"), std::string::npos) << impatient;
+
+    // Served once, after the long command ran to its end.
+    const std::string log = daemon.log();
+    EXPECT_EQ(daemon.countLog("msg.message=[42]"), 1u);
+    EXPECT_LT(log.find("-A vexo_nat_POSTROUTING_MUX -o wlan0 -j MASQUERADE"),
+              log.find("msg.message=[42]"))
+        << log;
+}
+
+TEST(Vordctl, FailsAtOnceWhenNothingListens) {
+    TempRoot root;
+    const std::string vordctl = "VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " ";
+    // A socket file that nobody listens on: bound, never listening.
+    int bound = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    const std::string stale = root.at("/stale.sock");
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", stale.c_str());
+    ASSERT_EQ(bind(bound, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+
+    const std::pair<std::string, const char*> cases[] = {
+        {"mode 0", "no socket file"},
+        {"--socket " + stale + " mode 0", "connection refused"},
+    };
+    for (const auto& c : cases) {
+        std::string out;
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(shell(vordctl + c.first, &out), 1) << c.first;
+        // Not the 60 s a busy daemon is given.
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+        EXPECT_NE(out.find("vord is not listening on"), std::string::npos) << out;
+        EXPECT_NE(out.find(c.second), std::string::npos) << out;
+    }
+    close(bound);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vord

@@ -1,0 +1,67 @@
+// The servers of the peer namespace: the probe echo server (1.1.1.1:443, echoes
+// exactly what it receives; in "fill" mode it also adds two bytes after every
+// 58 received, so a probe's receive of 60 bytes with MSG_WAITALL completes
+// after one round trip instead of at its time-out) and the application server (198.18.0.10:8080,
+// greets each client with one line naming the peer address and the link it
+// came in on, then echoes). Each accepted and closed connection is logged, one
+// line each, with the link it used:
+//   "echo accept peer=10.66.1.2:40112 link=wlan0"
+//   "app close peer=10.66.3.2:51000 link=rmnet_data0"
+#pragma once
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include <functional>
+#include <map>
+#include <string>
+
+namespace linklab {
+
+class PeerServers {
+  public:
+    // Names the link a connection came in on: source and destination address
+    // and port (network order).
+    using LinkFinder = std::function<std::string(uint32_t, uint16_t, uint32_t, uint16_t)>;
+
+    PeerServers(LinkFinder finder, FILE* log) : finder_(std::move(finder)), log_(log) {}
+    ~PeerServers();
+
+    // Opens both listening sockets in the calling thread's namespace. The
+    // addresses need not exist yet (IP_FREEBIND).
+    bool open(std::string& error);
+
+    // Adds or changes the epoll events watched on a descriptor; the tag is what
+    // onEvent takes back. Listening sockets are tags 0 and 1; connections get
+    // tags from 2 on.
+    using Watch = std::function<void(int fd, uint64_t tag, uint32_t events)>;
+    using Unwatch = std::function<void(int fd)>;
+    void setWatchers(Watch watch, Unwatch unwatch);
+    void start();
+    void onEvent(uint64_t tag, uint32_t events);
+    void setFill(bool fill) { fill_ = fill; }
+    bool fill() const { return fill_; }
+
+  private:
+    struct Conn {
+        int fd = -1;
+        bool app = false;
+        std::string peer, link, pending;
+        size_t unit = 0;  // bytes of the current 58-byte message (fill mode)
+    };
+    void accept(bool app);
+    void echo(Conn& c, const char* data, size_t size);
+    void flush(uint64_t tag, Conn& c);
+    void closeConn(uint64_t tag);
+
+    LinkFinder finder_;
+    FILE* log_;
+    int echoFd_ = -1, appFd_ = -1;
+    bool fill_ = false;
+    uint64_t nextTag_ = 2;
+    std::map<uint64_t, Conn> conns_;
+    Watch watch_;
+    Unwatch unwatch_;
+};
+
+}  // namespace linklab
