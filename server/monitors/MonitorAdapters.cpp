@@ -19,9 +19,7 @@
 #include "sls/SmartLinkSelection.h"
 #include "sls/Tcping.h"
 #endif
-#if __has_include("sockdiag/SockDiag.h")
 #include "sockdiag/SockDiag.h"
-#endif
 
 namespace vord {
 
@@ -67,7 +65,6 @@ class TcpingLinkProber : public LinkProber {
 };
 #endif
 
-#if __has_include("sockdiag/SockDiag.h")
 class SockDiagTcpInfoSource : public TcpInfoSource {
   public:
     int dump(const Reader& reader) override {
@@ -80,7 +77,6 @@ class SockDiagTcpInfoSource : public TcpInfoSource {
                 });
     }
 };
-#endif
 
 }  // namespace
 
@@ -100,10 +96,8 @@ HighRttAction serviceHighRttAction() {
 }
 #endif
 
-#if __has_include("sockdiag/SockDiag.h")
 std::unique_ptr<TcpInfoSource> makeSockDiagTcpInfoSource() {
     return std::make_unique<SockDiagTcpInfoSource>();
 }
-#endif
 
 }  // namespace vord

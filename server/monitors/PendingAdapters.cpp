@@ -1,13 +1,11 @@
 // Stand-ins for the adapters whose subsystems are not on this branch yet (link
-// selection, sock_diag). Each one reports "not available"; the real adapters in
+// selection). Each one reports "not available"; the real adapters in
 // MonitorAdapters.cpp take over as soon as the headers exist. This file goes
-// away once both subsystems are merged.
+// away once link selection is merged.
 
 #define LOG_TAG "MUX-Vord-Monitors"
 
 #include <log/log.h>
-
-#include <errno.h>
 
 #include "monitors/MonitorAdapters.h"
 
@@ -25,11 +23,6 @@ class NoLinkProber : public LinkProber {
     int probe(const char*, const std::string&, int) override { return -1; }
 };
 
-class NoTcpInfoSource : public TcpInfoSource {
-  public:
-    int dump(const Reader&) override { return -ENOSYS; }
-};
-
 }  // namespace
 
 #if !__has_include("sls/SmartLinkSelection.h")
@@ -41,12 +34,6 @@ std::unique_ptr<LinkProber> makeTcpingLinkProber() { return std::make_unique<NoL
 
 HighRttAction serviceHighRttAction() {
     return [](Parameters*) { ALOGE("link selection is not built: high RTT not acted on"); };
-}
-#endif
-
-#if !__has_include("sockdiag/SockDiag.h")
-std::unique_ptr<TcpInfoSource> makeSockDiagTcpInfoSource() {
-    return std::make_unique<NoTcpInfoSource>();
 }
 #endif
 

@@ -3,6 +3,8 @@
 
 #include <arpa/inet.h>
 #include <linux/tcp.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -20,6 +22,7 @@
 #include "monitors/DoubleWifiMonitor.h"
 #include "monitors/DualWifiChoice.h"
 #include "monitors/GameEndpointTally.h"
+#include "monitors/MonitorAdapters.h"
 #include "monitors/RssiStateMonitor.h"
 #include "monitors/SlaTcpSocketMonitor.h"
 
@@ -296,6 +299,42 @@ TEST_F(MonitorTest, TcpMonitorPollsOnlyAfterResume) {
     EXPECT_EQ(called.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
     monitor.stop();
     EXPECT_FALSE(monitor.isRunning());
+}
+
+// The daemon's source: a loopback connection of this process shows up with its
+// UID, its ports and a tcp_info that covers the byte counters.
+TEST(SockDiagTcpInfoSource, DeliversOwnConnectionWithTcpInfo) {
+    int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(addr);
+    ASSERT_EQ(bind(server, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    ASSERT_EQ(listen(server, 1), 0);
+    ASSERT_EQ(getsockname(server, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+    int client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(connect(client, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    int accepted = accept(server, nullptr, nullptr);
+    ASSERT_GE(accepted, 0);
+    ASSERT_EQ(write(client, "ping", 4), 4);
+    char buf[4];
+    ASSERT_EQ(read(accepted, buf, 4), 4);
+
+    bool seen = false;
+    uint32_t infoLen = 0;
+    const int result = vord::makeSockDiagTcpInfoSource()->dump(
+            [&](const inet_diag_msg* msg, const uint8_t* info, uint32_t n) {
+                if (msg->id.idiag_dport == addr.sin_port && msg->idiag_uid == getuid()) {
+                    seen = true;
+                    infoLen = info != nullptr ? n : 0;
+                }
+            });
+    close(accepted);
+    close(client);
+    close(server);
+    if (result != 0) GTEST_SKIP() << "no sock_diag for TCP here: " << strerror(-result);
+    EXPECT_TRUE(seen);
+    EXPECT_GE(infoLen, offsetof(tcp_info, tcpi_bytes_received) + sizeof(uint64_t));
 }
 
 // ---- dual Wi-Fi monitor ----
