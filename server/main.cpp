@@ -14,6 +14,7 @@
 #include "monitors/SlaTcpSocketMonitor.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
+#include "sls/SmartLinkSelection.h"
 #include "sockdiag/GamingUidSockets.h"
 #include "sockdiag/SockDiag.h"
 
@@ -26,12 +27,13 @@ int main(int /*argc*/, char** /*argv*/) {
     createSocketThreads(params);  // without a control channel the daemon runs on
     SlaStatsImpl* sla = SlaStatsImpl::instance();
     sla->enableSLA(true);
-    // Link selection: SmartLinkSelection::Init() and instance() (not built yet).
+    SmartLinkSelection::Init();
+    SmartLinkSelection* sls = SmartLinkSelection::instance();
 
     // The loop runs at least once; the property is tested after the sleep.
     do {
         sla->evalAndSetSLAInterfaceRatio();
-        // One link-selection step: slsChooseInterface() (not built yet).
+        sls->slsChooseInterface();
         // The period is read afresh each time; 0 means no sleep at all (usleep(0)
         // would still pay the kernel's timer slack).
         uint32_t sleepUs = static_cast<uint32_t>(params->get(mini_est_interval)) * 1000u;
@@ -50,7 +52,7 @@ int main(int /*argc*/, char** /*argv*/) {
     // Destroy the sockets of each gaming UID, in list order.
     vord::destroyGamingUidSockets([params] { return params->gamingUidList(); },
                                   [](const char* uid) { return killSocketsForUID(uid); });
-    // Finalise link selection: SmartLinkSelection::cleanup() (not built yet).
+    SmartLinkSelection::cleanup();
     IptablesManager::clean_MUX_iptables();
     SlaStatsImpl::finalize();
     ALOGI("Vord exiting");

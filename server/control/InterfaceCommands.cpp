@@ -17,6 +17,7 @@
 #include "control/ControlState.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
+#include "sls/SmartLinkSelection.h"
 
 std::vector<std::string> interfacelist;
 std::vector<std::string> preinterfacelist;
@@ -47,7 +48,9 @@ int addInterfaces(const char* name) {
     params->UpdateInterface(name, true);
     sla->updateSlaInterfacemap(name, true);
     iptables->updateInterfaceIptables(name, true);
-    // Next: link selection.
+    if (SmartLinkSelection::isInstance()) {
+        SmartLinkSelection::instance()->updateSlsInterfacemap(name, true);
+    }
     return 0;
 }
 
@@ -62,6 +65,9 @@ int removeInterfaces(const char* name) {
     iptables->updateInterfaceIptables(name, false);
     params->UpdateInterface(name, false);
     sla->updateSlaInterfacemap(name, false);
+    if (SmartLinkSelection::isInstance()) {
+        SmartLinkSelection::instance()->updateSlsInterfacemap(name, false);
+    }
     return 0;
 }
 

@@ -41,6 +41,7 @@
 #include "config/LogText.h"
 #include "config/Parameters.h"
 #include "control/ControlState.h"
+#include "control/FeatureCommands.h"
 #include "control/InterfaceCommands.h"
 #include "control/SignalHandler.h"
 #include "control/WhitelistCommands.h"
@@ -82,10 +83,6 @@ bool stopRequested() { return g_stopRequested.load(std::memory_order_acquire); }
 void closeFd(int& fd) {
     if (fd >= 0) close(fd);
     fd = -1;
-}
-
-void notAvailableYet(const char* command, int id) {
-    ALOGI("%s (id %d) is not available yet", command, id);
 }
 
 // Command 6: 1 starts the dual Wi-Fi monitor, 0 stops it; a command that does
@@ -345,12 +342,12 @@ void handleMessage(msg_t msg) {
         case 6: setDoubleWifiMonitor(text); break;
         case 7: setDDUidWhitelist(text); break;
         case 8: if (params != nullptr) params->UpdateInterfaceBssid(text); break;
-        case 9: notAvailableYet("StartSlsServer", msg.id); break;
-        case 10: notAvailableYet("StopSlsServer", msg.id); break;
-        case 11: notAvailableYet("setVoipStatus", msg.id); break;
-        case 12: notAvailableYet("updateSlsInterfacesRtt", msg.id); break;
-        case 13: notAvailableYet("setGameAiModeEnable", msg.id); break;
-        case 14: notAvailableYet("setGameAiModeCheckRtt", msg.id); break;
+        case 9: StartSlsServer(text); break;
+        case 10: StopSlsServer(); break;
+        case 11: setVoipStatus(text); break;
+        case 12: updateSlsInterfacesRtt(text); break;
+        case 13: setGameAiModeEnable(text); break;
+        case 14: setGameAiModeCheckRtt(text); break;
         default: ALOGE("unknow mesage!!!"); break;
     }
 }

@@ -13,12 +13,10 @@
 
 #include "wificond/net/netlink_utils.h"
 
-#if __has_include("sls/SmartLinkSelection.h")
 #include "sls/InterfaceRtt.h"
 #include "sls/ServiceHighRtt.h"
 #include "sls/SmartLinkSelection.h"
 #include "sls/Tcping.h"
-#endif
 #include "sockdiag/SockDiag.h"
 
 namespace vord {
@@ -33,7 +31,6 @@ class NetlinkStationQuery : public StationQuery {
     }
 };
 
-#if __has_include("sls/SmartLinkSelection.h")
 class SelectionPenaltySink : public PenaltySink {
   public:
     int write(const std::map<std::string, int>& penaltyMsByLink) override {
@@ -63,7 +60,6 @@ class TcpingLinkProber : public LinkProber {
         return Tcping::updateTcpingRtt(&info, 0);
     }
 };
-#endif
 
 class SockDiagTcpInfoSource : public TcpInfoSource {
   public:
@@ -84,7 +80,6 @@ std::unique_ptr<StationQuery> makeNetlinkStationQuery() {
     return std::make_unique<NetlinkStationQuery>();
 }
 
-#if __has_include("sls/SmartLinkSelection.h")
 std::unique_ptr<PenaltySink> makeSelectionPenaltySink() {
     return std::make_unique<SelectionPenaltySink>();
 }
@@ -94,7 +89,6 @@ std::unique_ptr<LinkProber> makeTcpingLinkProber() { return std::make_unique<Tcp
 HighRttAction serviceHighRttAction() {
     return [](Parameters* params) { enterServiceHighRtt(params); };
 }
-#endif
 
 std::unique_ptr<TcpInfoSource> makeSockDiagTcpInfoSource() {
     return std::make_unique<SockDiagTcpInfoSource>();

@@ -1,0 +1,318 @@
+// The selection engine: the singleton, its records and their probe threads.
+//
+// Every sequence that creates, ends, adds or removes threads or records runs under
+// the engine's control mutex, so a record is never deleted or replaced between the
+// join of its thread and the delete, and no second thread is ever started for a
+// record. Threads are joined with g_slsMapMutex released (the probe thread takes
+// it on every pass).
+
+#define LOG_TAG "MUX-Vord-SlaPing"
+
+#include "sls/SmartLinkSelection.h"
+
+#include <log/log.h>
+
+#include <string.h>
+
+#include <algorithm>
+#include <atomic>
+#include <utility>
+
+#include "config/Parameters.h"
+#include "rules/IptablesManager.h"
+#include "sls/PingThread.h"
+
+std::mutex g_slsMapMutex;
+
+namespace {
+
+// Namespace-scope locks: constructed before main, so usable by any thread that a
+// command reaches before Init() runs.
+std::recursive_mutex g_slsInstanceMutex;
+std::recursive_mutex g_slsControlMutex;
+std::atomic<SmartLinkSelection*> g_slsInstance{nullptr};
+
+struct RegistryEntry {
+    std::string name;
+    bool slave;
+};
+
+// The registry's interfaces in key order. Caller holds g_interfaceMapMutex.
+std::vector<RegistryEntry> registryEntries() {
+    std::vector<RegistryEntry> out;
+    for (const auto& entry : Parameters::instance()->interfaceInfoMap()) {
+        if (entry.second != nullptr) out.push_back({entry.first, entry.second->slave});
+    }
+    return out;
+}
+
+std::vector<std::string> namesOf(const std::vector<RegistryEntry>& entries) {
+    std::vector<std::string> names;
+    for (const RegistryEntry& e : entries) names.push_back(e.name);
+    return names;
+}
+
+bool listed(const std::vector<std::string>* names, const std::string& name) {
+    return names == nullptr || std::find(names->begin(), names->end(), name) != names->end();
+}
+
+}  // namespace
+
+// ---- singleton ----
+
+void SmartLinkSelection::Init() {
+    // Nothing to do: both locks are namespace-scope objects, ready before main.
+    // Re-initialising one here could corrupt it under a thread that holds it.
+}
+
+std::recursive_mutex& SmartLinkSelection::slsControlMutex() { return g_slsControlMutex; }
+
+SmartLinkSelection::SmartLinkSelection() {
+    m_hystWindow = now();
+}
+
+SmartLinkSelection* SmartLinkSelection::instance() {
+    SmartLinkSelection* engine = g_slsInstance.load(std::memory_order_acquire);
+    if (engine != nullptr) return engine;
+    // The control mutex first: creation runs initPingThreads, which takes it.
+    std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
+    std::lock_guard<std::recursive_mutex> creation(g_slsInstanceMutex);
+    engine = g_slsInstance.load(std::memory_order_acquire);
+    if (engine != nullptr) return engine;
+    engine = new SmartLinkSelection();
+    engine->initPingThreads();
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        engine->m_currentInterface = nullptr;
+        g_slsInstance.store(engine, std::memory_order_release);
+    }
+    return engine;
+}
+
+bool SmartLinkSelection::isInstance() {
+    return g_slsInstance.load(std::memory_order_acquire) != nullptr;
+}
+
+void SmartLinkSelection::finalize() {
+    std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
+    SmartLinkSelection* engine = g_slsInstance.load(std::memory_order_acquire);
+    if (engine == nullptr) return;
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        for (auto& entry : engine->m_slsInterfaceMap) {
+            if (entry.second != nullptr) entry.second->running = false;
+        }
+    }
+    engine->threadDestory();
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        for (auto& entry : engine->m_slsInterfaceMap) delete entry.second;
+        engine->m_slsInterfaceMap.clear();
+        engine->m_currentInterface = nullptr;
+        g_slsInstance.store(nullptr, std::memory_order_release);
+    }
+    delete engine;
+}
+
+void SmartLinkSelection::cleanup() { finalize(); }
+
+bool SmartLinkSelection::trySnapshotState(SlsState& out) {
+    std::unique_lock<std::mutex> lock(g_slsMapMutex, std::try_to_lock);
+    if (!lock.owns_lock()) return false;
+    SmartLinkSelection* engine = g_slsInstance.load(std::memory_order_acquire);
+    if (engine == nullptr) return false;
+    SlsState state;
+    state.exists = true;
+    if (engine->m_currentInterface != nullptr) state.current = engine->m_currentInterface->ifname;
+    state.switchCount = engine->m_switchCount;
+    for (const auto& entry : engine->m_slsInterfaceMap) {
+        const InterfaceRtt* r = entry.second;
+        if (r == nullptr) continue;
+        state.links.push_back({r->ifname, r->speed, r->level, r->missCount, r->rssiPenaltyMs, r->running});
+    }
+    out = std::move(state);
+    return true;
+}
+
+// ---- seams ----
+
+void SmartLinkSelection::setClock(Clock clock) { m_clock = std::move(clock); }
+
+void SmartLinkSelection::setSwitchActions(InterfaceSwitcher switcher, SocketKiller killer) {
+    m_switcher = std::move(switcher);
+    m_killer = std::move(killer);
+}
+
+timeval SmartLinkSelection::now() const {
+    if (m_clock) return m_clock();
+    timeval tv;
+    gettimeofday(&tv, nullptr);
+    return tv;
+}
+
+// ---- records and threads ----
+
+void SmartLinkSelection::endThreads(const std::vector<std::string>* names) {
+    std::vector<std::pair<InterfaceRtt*, pthread_t>> joins;
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        for (auto& entry : m_slsInterfaceMap) {
+            InterfaceRtt* r = entry.second;
+            if (r == nullptr || !listed(names, entry.first)) continue;
+            r->alive = false;
+            if (r->thread != InterfaceRtt::noThread()) joins.emplace_back(r, r->thread);
+        }
+    }
+    pingWakeup().notify_all();
+    for (auto& join : joins) pthread_join(join.second, nullptr);
+    // The control mutex keeps these records in the map until we are done.
+    std::lock_guard<std::mutex> lock(g_slsMapMutex);
+    for (auto& join : joins) join.first->thread = InterfaceRtt::noThread();
+}
+
+void SmartLinkSelection::startMissingThreads() {
+    for (auto& entry : m_slsInterfaceMap) {
+        InterfaceRtt* r = entry.second;
+        if (r == nullptr || r->thread != InterfaceRtt::noThread()) continue;
+        pthread_t tid;
+        if (pthread_create(&tid, nullptr, makeRawPingFunc, r) == 0) {
+            r->thread = tid;
+        } else {
+            ALOGE("%s could not start the probe thread of %s", "createRttThreads", r->ifname);
+        }
+    }
+    for (auto& entry : m_slsInterfaceMap) {
+        if (entry.second != nullptr) entry.second->alive = true;
+    }
+}
+
+void SmartLinkSelection::deleteRecord(InterfaceRtt* record) {
+    if (record == nullptr) return;
+    if (m_currentInterface == record) m_currentInterface = nullptr;
+    delete record;
+}
+
+void SmartLinkSelection::initPingThreads() {
+    std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
+    std::vector<std::string> names;
+    {
+        std::lock_guard<std::mutex> registry(g_interfaceMapMutex);
+        names = namesOf(registryEntries());
+    }
+    // Records about to be replaced lose their threads first.
+    endThreads(&names);
+
+    const int minPingTimes = Parameters::instance()->getMinPingTimes();
+    std::lock_guard<std::mutex> registry(g_interfaceMapMutex);
+    for (const RegistryEntry& entry : registryEntries()) {
+        InterfaceRtt* fresh = InterfaceRtt::create(entry.name.c_str(), minPingTimes, false);
+        if (fresh == nullptr) continue;
+        fresh->m_slaveHint = entry.slave;
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        InterfaceRtt*& slot = m_slsInterfaceMap[entry.name];
+        if (slot != nullptr && slot->thread != InterfaceRtt::noThread()) {
+            // Only possible for an interface registered since the threads were
+            // ended above; keep its record rather than orphan a running thread.
+            delete fresh;
+            continue;
+        }
+        deleteRecord(slot);
+        slot = fresh;
+    }
+    std::lock_guard<std::mutex> lock(g_slsMapMutex);
+    m_switchCount = 0;
+}
+
+void SmartLinkSelection::createRttThreads() {
+    std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
+    std::lock_guard<std::mutex> lock(g_slsMapMutex);
+    startMissingThreads();
+}
+
+void SmartLinkSelection::threadStop() {
+    std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
+    std::lock_guard<std::mutex> lock(g_slsMapMutex);
+    for (auto& entry : m_slsInterfaceMap) {
+        if (entry.second != nullptr) entry.second->running = false;
+    }
+}
+
+void SmartLinkSelection::threadResume() {
+    std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
+    std::lock_guard<std::mutex> lock(g_slsMapMutex);
+    for (auto& entry : m_slsInterfaceMap) {
+        if (entry.second != nullptr) entry.second->running = true;
+    }
+}
+
+void SmartLinkSelection::threadDestory() {
+    std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
+    endThreads(nullptr);
+}
+
+void SmartLinkSelection::destoryPingThreads() {
+    std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
+    std::vector<std::string> names;
+    {
+        std::lock_guard<std::mutex> registry(g_interfaceMapMutex);
+        names = namesOf(registryEntries());
+    }
+    // Normally done by threadDestory already; no record is deleted under a thread.
+    endThreads(&names);
+
+    std::lock_guard<std::mutex> registry(g_interfaceMapMutex);
+    std::lock_guard<std::mutex> lock(g_slsMapMutex);
+    for (const std::string& name : names) {
+        auto it = m_slsInterfaceMap.find(name);
+        if (it == m_slsInterfaceMap.end()) continue;
+        if (it->second != nullptr && it->second->thread != InterfaceRtt::noThread()) continue;
+        deleteRecord(it->second);
+        m_slsInterfaceMap.erase(it);
+    }
+    m_currentInterface = nullptr;
+}
+
+bool SmartLinkSelection::updateSlsInterfacemap(const char* ifname, bool add) {
+    if (ifname == nullptr) return true;
+    std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
+    Parameters* params = Parameters::instance();
+    if (!params->isVoipRunning() && params->isGamingRunning() != 1) return true;
+    const std::vector<std::string> name{ifname};
+
+    if (!add) {
+        {
+            std::lock_guard<std::mutex> lock(g_slsMapMutex);
+            auto it = m_slsInterfaceMap.find(ifname);
+            if (it == m_slsInterfaceMap.end()) return true;
+            if (it->second != nullptr) it->second->running = false;
+        }
+        endThreads(&name);
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        auto it = m_slsInterfaceMap.find(ifname);
+        if (it == m_slsInterfaceMap.end()) return true;
+        deleteRecord(it->second);
+        m_slsInterfaceMap.erase(it);
+        ALOGI("m_slsInterfaceMap del %s success!", ifname);
+        return true;
+    }
+
+    bool slave = false;
+    {
+        std::lock_guard<std::mutex> registry(g_interfaceMapMutex);
+        InterfaceInfo_t* info = params->findInterface(ifname);
+        slave = info != nullptr && info->slave;
+    }
+    InterfaceRtt* fresh = InterfaceRtt::create(ifname, params->getMinPingTimes(), true);
+    if (fresh == nullptr) return true;
+    fresh->m_slaveHint = slave;
+    // A record already stored under the name is replaced only once its thread
+    // has ended.
+    endThreads(&name);
+    std::lock_guard<std::mutex> lock(g_slsMapMutex);
+    InterfaceRtt*& slot = m_slsInterfaceMap[ifname];
+    deleteRecord(slot);
+    slot = fresh;
+    startMissingThreads();
+    ALOGI("m_slsInterfaceMap add %s success!", ifname);
+    return true;
+}

@@ -1,0 +1,149 @@
+// Link selection through the real daemon with recording stand-in tools. The
+// interface names do not exist on this host, so every probe fails at binding,
+// before any packet.
+#include <dirent.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "DaemonTest.h"
+
+namespace vord {
+namespace test {
+namespace {
+
+using namespace std::chrono_literals;
+
+const char* const kConf =
+    "mini_est_interval=50\nping_interval_ms=50\nt_hyst_s=0\nmin_ping_times=2\n";
+
+// Threads of the vord process this test started (its child running in `root`;
+// the daemon's own short-lived children, not yet exec'd, are not counted).
+size_t daemonThreads(const TempRoot& root) {
+    const std::string marker = "VORD_ROOT=" + root.path();
+    size_t threads = 0;
+    DIR* proc = opendir("/proc");
+    while (dirent* e = proc ? readdir(proc) : nullptr) {
+        if (atoi(e->d_name) <= 0) continue;
+        const std::string dir = std::string("/proc/") + e->d_name;
+        const std::string stat = readWholeFile(dir + "/stat");
+        const size_t close = stat.rfind(')');
+        if (close == std::string::npos || atoi(stat.c_str() + close + 4) != getpid()) continue;
+        if (readWholeFile(dir + "/comm") != "vord\n") continue;
+        const std::string env = readWholeFile(dir + "/environ");
+        bool ours = false;
+        for (size_t at = 0; at < env.size(); at += strlen(env.c_str() + at) + 1) ours |= marker == env.c_str() + at;
+        if (!ours) continue;
+        if (DIR* tasks = opendir((dir + "/task").c_str())) {
+            while (dirent* t = readdir(tasks)) threads += t->d_name[0] != '.';
+            closedir(tasks);
+        }
+    }
+    if (proc) closedir(proc);
+    return threads;
+}
+
+class SlsDaemonTest : public DaemonTest {
+  protected:
+    void SetUp() override {
+        for (const char* tool : {"iptables-wrapper-1.0", "ip-wrapper-1.0"}) root.installRecordingTool(tool);
+        root.writeFile("/proc/sla/config", "");
+        ASSERT_NO_FATAL_FAILURE(startDaemon(kConf));
+        ASSERT_TRUE(client.connect(5s));
+        ASSERT_TRUE(client.send(1, "wlan7,rmnet_data9"));
+        ASSERT_TRUE(daemon.waitForLog("preinterfacelist is rmnet_data9"));
+        idleThreads = daemonThreads(root);
+        ASSERT_GT(idleThreads, 0u);
+    }
+    void TearDown() override {
+        client.close();
+        if (daemon.alive()) {
+            EXPECT_TRUE(daemon.stopThroughProperty());
+        }
+    }
+    // The recorded commands since the last call.
+    std::string newCommands() {
+        std::string all = root.recordedCommands();
+        std::string fresh = all.substr(std::min(seen, all.size()));
+        seen = all.size();
+        return fresh;
+    }
+    bool waitThreads(size_t n) {
+        for (int i = 0; i < 100; ++i) {
+            if (daemonThreads(root) == n) return true;
+            std::this_thread::sleep_for(50ms);
+        }
+        return false;
+    }
+    size_t idleThreads = 0, seen = 0;
+};
+
+TEST_F(SlsDaemonTest, StartSelectsAndStopRemovesTheChainsAndEveryProbeThread) {
+    newCommands();
+    ASSERT_TRUE(client.send(9, "10123,10456"));
+    // Both links fail their probes; at level 1 the tie goes to the last one in key
+    // order, nothing being selected yet.
+    ASSERT_TRUE(daemon.waitForLog("calcInterface SLA_RTT_SELECTED perform switch ", 10s));
+    EXPECT_TRUE(waitThreads(idleThreads + 2)) << daemonThreads(root);
+    EXPECT_TRUE(daemon.waitForLog("Set interface wlan7 failed."));
+    EXPECT_TRUE(daemon.waitForLog("SLA_RTT_SELECTED  UID destroying sockets = 10456"));
+    std::string cmds = newCommands();
+    for (const char* expected :
+         {"-w -t mangle -A vexo_sls_uid_wlan7 -m owner --uid-owner 10123 -j vexo_sls_wlan7",
+          "-w -t mangle -A vexo_sls_uid_rmnet_data9 -m owner --uid-owner 10456 -j vexo_sls_rmnet_data9",
+          "-w -t mangle -A vexo_SLS -j vexo_sls_uid_"}) {
+        EXPECT_NE(std::string::npos, cmds.find(expected)) << expected << "\n" << cmds;
+    }
+
+    ASSERT_TRUE(client.send(10, ""));
+    EXPECT_TRUE(waitThreads(idleThreads)) << daemonThreads(root);
+    for (int i = 0; i < 100 && root.recordedCommands().find("-X vexo_sls_uid_rmnet_data9") == std::string::npos; ++i) {
+        std::this_thread::sleep_for(50ms);
+    }
+    cmds = newCommands();
+    for (const char* expected : {"-w -t mangle -X vexo_sls_uid_wlan7", "-w -t mangle -X vexo_sls_rmnet_data9"}) {
+        EXPECT_NE(std::string::npos, cmds.find(expected)) << expected << "\n" << cmds;
+    }
+    const size_t failures = daemon.countLog("Set interface wlan7 failed.");
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(failures, daemon.countLog("Set interface wlan7 failed."));
+}
+
+TEST_F(SlsDaemonTest, VoiceCallGameModeAndRttReport) {
+    ASSERT_TRUE(client.send(11, "10123"));
+    ASSERT_TRUE(client.send(11, "10456"));  // a call runs already: ignored
+    EXPECT_TRUE(waitThreads(idleThreads + 2));
+    // A link added during the call gets its record and thread at once.
+    ASSERT_TRUE(client.send(1, "wlan7,rmnet_data9,wlan8"));
+    EXPECT_TRUE(daemon.waitForLog("m_slsInterfaceMap add wlan8 success!"));
+    EXPECT_TRUE(waitThreads(idleThreads + 3));
+    ASSERT_TRUE(client.send(1, "wlan7,rmnet_data9"));
+    EXPECT_TRUE(daemon.waitForLog("m_slsInterfaceMap del wlan8 success!"));
+    ASSERT_TRUE(client.send(11, "0"));
+    EXPECT_TRUE(waitThreads(idleThreads));
+    const std::string config = root.readFile("/proc/sla/config");
+    using namespace std::string_literals;
+    EXPECT_NE(std::string::npos, config.find("voip_uid=10123\0voip_enable=1\0"s));
+    EXPECT_EQ(config.find("voip_enable=1"), config.rfind("voip_enable=1"));  // the second start ignored
+    EXPECT_EQ("voip_enable=0\0voip_uid=0\0"s, config.substr(config.size() - 25));
+
+    ASSERT_TRUE(client.send(14, "1"));  // before game mode: nothing
+    ASSERT_TRUE(client.send(13, "10123"));
+    EXPECT_TRUE(daemon.waitForLog("setGameAiModeEnable enable"));
+    EXPECT_TRUE(waitThreads(idleThreads));  // no probes in game mode alone
+    ASSERT_TRUE(client.send(14, "1"));
+    EXPECT_TRUE(daemon.waitForLog("setGameAiModeCheckRtt enable"));
+    EXPECT_TRUE(waitThreads(idleThreads + 2));
+    ASSERT_TRUE(client.send(12, "abc"));
+    EXPECT_TRUE(daemon.waitForLog("update Sls Interfaces Rtt is abc "));
+    EXPECT_EQ(1u, daemon.countLog("is not a 32-bit decimal number"));
+    ASSERT_TRUE(client.send(10, ""));
+    EXPECT_TRUE(waitThreads(idleThreads));
+    EXPECT_EQ(1u, daemon.countLog("setGameAiModeCheckRtt enable"));
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vord
