@@ -9,6 +9,9 @@
 
 #include "config/Parameters.h"
 #include "control/VordSocketServer.h"
+#include "monitors/DoubleWifiMonitor.h"
+#include "monitors/RssiStateMonitor.h"
+#include "monitors/SlaTcpSocketMonitor.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
 #include "sls/SmartLinkSelection.h"
@@ -42,6 +45,11 @@ int main(int /*argc*/, char** /*argv*/) {
     // Shutdown, in this order.
     stopSocketThreads();  // no control command runs during the rest of the shutdown
     ALOGE("Mux disabled, starting cleanup...\n");
+    // The monitors write into the selection records and the parameter store and
+    // call into link selection: they end before either is torn down.
+    SlaTcpSocketMonitor::finalize();
+    RssiStateMonitor::finalize();
+    DoubleWifiMonitor::finalize();
     sla->enableSLA(false);
     // Destroy the sockets of each gaming UID, in list order.
     vord::destroyGamingUidSockets([params] { return params->gamingUidList(); },

@@ -21,6 +21,8 @@
 
 #include "config/Parameters.h"
 #include "control/ControlState.h"
+#include "monitors/RssiStateMonitor.h"
+#include "monitors/SlaTcpSocketMonitor.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
 #include "sls/ServiceHighRtt.h"
@@ -95,15 +97,16 @@ void StartSlsServer(const char* uids) {
     setGamingUidList(params, uids);
     installSlsChains();
     startProbes();
-    // monitors: RssiStateMonitor::instance();
-    // monitors: SlaTcpSocketMonitor::instance()->resumePolling();
+    RssiStateMonitor::instance();
+    SlaTcpSocketMonitor::instance()->resumePolling();
     params->setGamingRunning(1);
 }
 
 void StopSlsServer() {
     Parameters* params = controlParameters();
     if (params == nullptr || params->isGamingRunning() == 0) return;
-    // monitors: SlaTcpSocketMonitor::instance(); SlaTcpSocketMonitor::finalize();
+    SlaTcpSocketMonitor::instance();
+    SlaTcpSocketMonitor::finalize();
     {
         auto control = engineControl();
         params->setServiceHighRtt(false);
@@ -112,7 +115,7 @@ void StopSlsServer() {
     stopProbes();
     IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
     params->setGamingRunning(0);
-    // monitors: RssiStateMonitor::finalize();
+    RssiStateMonitor::finalize();
 }
 
 void setVoipStatus(const char* text) {
@@ -126,7 +129,7 @@ void setVoipStatus(const char* text) {
         setGamingUidList(params, text);
         installSlsChains();
         startProbes();
-        // monitors: RssiStateMonitor::instance();
+        RssiStateMonitor::instance();
         params->setVoipRunning(true);
     } else if (n == 0 && running) {
         SlaStatsImpl::instance()->enableSlaVoipState(false, text);
@@ -138,7 +141,7 @@ void setVoipStatus(const char* text) {
         params->setGamingUids(nullptr);
         stopProbes();
         IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
-        // monitors: RssiStateMonitor::finalize();
+        RssiStateMonitor::finalize();
     }
 }
 
@@ -171,11 +174,12 @@ void setGameAiModeEnable(const char* text) {
         params->setGamingAiModeCheckRtt(false);
         installSlsChains();
         params->setGamingRunning(2);
-        // monitors: RssiStateMonitor::instance();
-        // monitors: SlaTcpSocketMonitor::instance()->resumePolling();
+        RssiStateMonitor::instance();
+        SlaTcpSocketMonitor::instance()->resumePolling();
     } else if (n == 0 && gaming == 2) {
         ALOGI("setGameAiModeEnable disable");
-        // monitors: SlaTcpSocketMonitor::instance(); SlaTcpSocketMonitor::finalize();
+        SlaTcpSocketMonitor::instance();
+        SlaTcpSocketMonitor::finalize();
         {
             // The main thread's check may end the RTT check at the same time.
             auto control = engineControl();
@@ -186,7 +190,7 @@ void setGameAiModeEnable(const char* text) {
         params->setNHyst(1);
         params->setMinPingTimes(5);
         params->setGamingRunning(0);
-        // monitors: RssiStateMonitor::finalize();
+        RssiStateMonitor::finalize();
         IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
     }
 }

@@ -25,6 +25,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -44,6 +45,7 @@
 #include "control/InterfaceCommands.h"
 #include "control/SignalHandler.h"
 #include "control/WhitelistCommands.h"
+#include "monitors/DoubleWifiMonitor.h"
 #include "rules/IptablesManager.h"
 #include "status/Counters.h"
 
@@ -84,8 +86,17 @@ void closeFd(int& fd) {
     fd = -1;
 }
 
-void notAvailableYet(const char* command, int id) {
-    ALOGI("%s (id %d) is not available yet", command, id);
+// Command 6: 1 starts the dual Wi-Fi monitor, 0 stops it; a command that does
+// not change its state, or any other value, does nothing.
+void setDoubleWifiMonitor(const char* text) {
+    Parameters* params = controlParameters();
+    if (params == nullptr) return;
+    const int on = atoi(text);
+    if (on == 1 && !params->isDWMonitorStatus()) {
+        DoubleWifiMonitor::instance();
+    } else if (on == 0 && params->isDWMonitorStatus()) {
+        DoubleWifiMonitor::finalize();
+    }
 }
 
 // Command 4. A payload that does not fit the 63 characters of the gateway memory
@@ -331,7 +342,7 @@ void handleMessage(msg_t msg) {
         case 3: if (params != nullptr) params->UpdateInterfaceMode(text); break;
         case 4: updateWifiGateway(text); break;
         case 5: setDWUidWhitelist(text); break;
-        case 6: notAvailableYet("DoubleWifiMonitor", msg.id); break;
+        case 6: setDoubleWifiMonitor(text); break;
         case 7: setDDUidWhitelist(text); break;
         case 8: if (params != nullptr) params->UpdateInterfaceBssid(text); break;
         case 9: StartSlsServer(text); break;

@@ -109,8 +109,13 @@ void SlaStatsImpl::evalAndSetSLAInterfaceRatio() {
     const SLA_ratio_calc_process mode =
         (wifiSum > wifiThreshold || (wifiCount >= 2 && cellCount == 0)) ? SLA_CALC_WLAN_ONLY
                                                                         : SLA_CALC_WLAN_WWAN;
-    if (calcSlaRatios(mode, static_cast<float>(cellSum), static_cast<float>(wifiSum),
-                      static_cast<float>(wifiMax))) {
+    // The cascade also carries the dual Wi-Fi selection status (set by the dual
+    // Wi-Fi monitor): a change of it alone rewrites the rules as well.
+    const int dualWifiStatus = params->getDoubleWifiSelectStatus();
+    const bool changed = calcSlaRatios(mode, static_cast<float>(cellSum),
+                                       static_cast<float>(wifiSum), static_cast<float>(wifiMax));
+    if (changed || dualWifiStatus != m_appliedDualWifiStatus) {
+        m_appliedDualWifiStatus = dualWifiStatus;
         applyRatios();
     }
 }

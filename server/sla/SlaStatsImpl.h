@@ -72,5 +72,7 @@ class SlaStatsImpl {
 
     std::map<std::string, linkStatsWrapper_t*> m_slaInterfaceMap;
     int64_t m_lastRatioLogTime = 0;  // seconds; last burst of ratio log lines
+    // The dual Wi-Fi selection status when the ratio rules were last written.
+    int m_appliedDualWifiStatus = 0;
     RatioApplier m_ratioApplier;
 };

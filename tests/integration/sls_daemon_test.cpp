@@ -86,7 +86,8 @@ TEST_F(SlsDaemonTest, StartSelectsAndStopRemovesTheChainsAndEveryProbeThread) {
     // Both links fail their probes; at level 1 the tie goes to the last one in key
     // order, nothing being selected yet.
     ASSERT_TRUE(daemon.waitForLog("calcInterface SLA_RTT_SELECTED perform switch ", 10s));
-    EXPECT_TRUE(waitThreads(idleThreads + 2)) << daemonThreads(root);
+    // Two probe threads, the RSSI monitor and the TCP socket monitor.
+    EXPECT_TRUE(waitThreads(idleThreads + 4)) << daemonThreads(root);
     EXPECT_TRUE(daemon.waitForLog("Set interface wlan7 failed."));
     EXPECT_TRUE(daemon.waitForLog("SLA_RTT_SELECTED  UID destroying sockets = 10456"));
     std::string cmds = newCommands();
@@ -114,11 +115,11 @@ TEST_F(SlsDaemonTest, StartSelectsAndStopRemovesTheChainsAndEveryProbeThread) {
 TEST_F(SlsDaemonTest, VoiceCallGameModeAndRttReport) {
     ASSERT_TRUE(client.send(11, "10123"));
     ASSERT_TRUE(client.send(11, "10456"));  // a call runs already: ignored
-    EXPECT_TRUE(waitThreads(idleThreads + 2));
+    EXPECT_TRUE(waitThreads(idleThreads + 3));  // two probes and the RSSI monitor
     // A link added during the call gets its record and thread at once.
     ASSERT_TRUE(client.send(1, "wlan7,rmnet_data9,wlan8"));
     EXPECT_TRUE(daemon.waitForLog("m_slsInterfaceMap add wlan8 success!"));
-    EXPECT_TRUE(waitThreads(idleThreads + 3));
+    EXPECT_TRUE(waitThreads(idleThreads + 4));
     ASSERT_TRUE(client.send(1, "wlan7,rmnet_data9"));
     EXPECT_TRUE(daemon.waitForLog("m_slsInterfaceMap del wlan8 success!"));
     ASSERT_TRUE(client.send(11, "0"));
@@ -132,10 +133,10 @@ TEST_F(SlsDaemonTest, VoiceCallGameModeAndRttReport) {
     ASSERT_TRUE(client.send(14, "1"));  // before game mode: nothing
     ASSERT_TRUE(client.send(13, "10123"));
     EXPECT_TRUE(daemon.waitForLog("setGameAiModeEnable enable"));
-    EXPECT_TRUE(waitThreads(idleThreads));  // no probes in game mode alone
+    EXPECT_TRUE(waitThreads(idleThreads + 2));  // no probes in game mode alone: the monitors
     ASSERT_TRUE(client.send(14, "1"));
     EXPECT_TRUE(daemon.waitForLog("setGameAiModeCheckRtt enable"));
-    EXPECT_TRUE(waitThreads(idleThreads + 2));
+    EXPECT_TRUE(waitThreads(idleThreads + 4));
     ASSERT_TRUE(client.send(12, "abc"));
     EXPECT_TRUE(daemon.waitForLog("update Sls Interfaces Rtt is abc "));
     EXPECT_EQ(1u, daemon.countLog("is not a 32-bit decimal number"));

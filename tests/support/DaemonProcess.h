@@ -33,6 +33,7 @@ class DaemonProcess {
     // Starts vord with VORD_ROOT set; stdout and stderr go to "<root>/vord.log".
     void start();
     bool alive();
+    pid_t pid() const { return pid_; }
     void kill();
 
     std::string log() const { return root_.readFile("/vord.log"); }

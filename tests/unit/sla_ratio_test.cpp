@@ -94,4 +94,23 @@ TEST_F(SlaEvaluationTest, InterfaceCommandsWhileTheLoopEvaluates) {
     EXPECT_EQ(2u, impl->slaInterfaceMap().size());
 }
 
+TEST_F(SlaEvaluationTest, ADualWifiStatusChangeAloneRewritesTheRules) {
+    int applied = 0;
+    impl->setRatioApplier([&](std::map<std::string, linkStatsWrapper_t*>&) { return ++applied, 0; });
+    const std::vector<Rec> recs{{510, 0, S},      {410, 12800, I}, {310, 12800, I},
+                                {210, 12800, I}, {110, 12800, I}, {10, 12800, I}};
+    writeRecords(link("wlan0", false), recs);
+    writeRecords(link("wlan1", false), recs);
+    ASSERT_TRUE(impl->enableSLA(true));
+    Parameters* params = Parameters::instance();
+    const int statuses[] = {0, 0, 1, 1, 2, 0, 0};  // steady rates throughout
+    const int wanted[] = {1, 1, 2, 2, 3, 4, 4};
+    for (size_t i = 0; i < 7; ++i) {
+        params->setDoubleWifiSelectStatus(statuses[i]);
+        impl->evalAndSetSLAInterfaceRatio();
+        EXPECT_EQ(applied, wanted[i]) << "evaluation " << i;
+    }
+    params->setDoubleWifiSelectStatus(0);
+}
+
 }  // namespace

@@ -12,6 +12,8 @@
 
 #include "control/ControlState.h"
 #include "control/FeatureCommands.h"
+#include "monitors/RssiStateMonitor.h"
+#include "monitors/SlaTcpSocketMonitor.h"
 #include "sls/ServiceHighRtt.h"
 
 namespace {
@@ -30,6 +32,13 @@ size_t threadCount() {
         closedir(dir);
     }
     return n;
+}
+
+// Threads other than the monitors' (the selection commands start the RSSI and
+// TCP socket monitors, one thread each).
+size_t probeThreads() {
+    return threadCount() - (RssiStateMonitor::isInstance() ? 1 : 0) -
+           (SlaTcpSocketMonitor::isInstance() ? 1 : 0);
 }
 
 struct Link { std::string name; bool running, threaded, alive; };
@@ -67,7 +76,8 @@ TEST_F(SlsEngineTest, StartProbesEveryRegisteredLinkAndStopEndsEveryThread) {
     auto l = links();
     ASSERT_EQ(2u, l.size());
     for (const Link& link : l) EXPECT_TRUE(link.running && link.threaded && link.alive) << link.name;
-    EXPECT_EQ(baseThreads + 2, threadCount());
+    EXPECT_EQ(baseThreads + 2, probeThreads());
+    EXPECT_TRUE(RssiStateMonitor::isInstance() && SlaTcpSocketMonitor::isInstance());
     for (int i = 0; i < 200 && !(log->contains("Ping Miss for RTT interface (rmnet_data9)") &&
                                  log->contains("Ping Miss for RTT interface (wlan7)")); ++i) {
         std::this_thread::sleep_for(10ms);
@@ -81,6 +91,7 @@ TEST_F(SlsEngineTest, StartProbesEveryRegisteredLinkAndStopEndsEveryThread) {
     StopSlsServer();
     EXPECT_TRUE(links().empty());
     EXPECT_EQ(baseThreads, threadCount());
+    EXPECT_FALSE(RssiStateMonitor::isInstance() || SlaTcpSocketMonitor::isInstance());
     EXPECT_EQ(0, params->isGamingRunning());
     EXPECT_EQ("10123", gamingText());
     EXPECT_TRUE(log->contains("-X vexo_sls_uid_wlan7"));
@@ -104,7 +115,7 @@ TEST_F(SlsEngineTest, InterfaceChangesFollowOnlyVoiceAndSelectionMode) {
         std::lock_guard<std::mutex> lock(g_slsMapMutex);
         EXPECT_TRUE(pthread_equal(wlan7Thread, engine->slsInterfaceMap()["wlan7"]->thread));
     }
-    EXPECT_EQ(baseThreads + 3, threadCount());
+    EXPECT_EQ(baseThreads + 3, probeThreads());
     engine->calcInterface();
     const std::string chosen = current();
     ASSERT_FALSE(chosen.empty());
@@ -112,7 +123,7 @@ TEST_F(SlsEngineTest, InterfaceChangesFollowOnlyVoiceAndSelectionMode) {
     EXPECT_EQ("", current());
     EXPECT_TRUE(log->contains("m_slsInterfaceMap del " + chosen + " success!"));
     EXPECT_EQ(2u, links().size());
-    EXPECT_EQ(baseThreads + 2, threadCount());
+    EXPECT_EQ(baseThreads + 2, probeThreads());
 
     setVoipStatus("10456");  // a call runs already
     EXPECT_EQ("10123", gamingText());
@@ -133,7 +144,7 @@ TEST_F(SlsEngineTest, RepeatedStartsAndThreadDestoryWithoutThreads) {
         engine->threadStop();
         engine->createRttThreads();
         engine->threadResume();
-        EXPECT_EQ(baseThreads + 2, threadCount()) << "start " << i;
+        EXPECT_EQ(baseThreads + 2, probeThreads()) << "start " << i;
     }
 }
 
@@ -145,12 +156,13 @@ TEST_F(SlsEngineTest, GameModeTables) {
     EXPECT_EQ(2, params->getNHyst());
     EXPECT_EQ(2, params->getMinPingTimes());
     EXPECT_TRUE(links().empty());  // no probes yet
+    EXPECT_TRUE(RssiStateMonitor::isInstance() && SlaTcpSocketMonitor::isInstance());
     StartSlsServer("10789");       // game mode runs: nothing
     EXPECT_EQ("10123,10456", gamingText());
     setGameAiModeCheckRtt("1");
     EXPECT_TRUE(params->isGamingAiModeCheckRtt());
     EXPECT_EQ(2u, links().size());
-    EXPECT_EQ(baseThreads + 2, threadCount());
+    EXPECT_EQ(baseThreads + 2, probeThreads());
     setGameAiModeCheckRtt("0");
     EXPECT_TRUE(links().empty());
     setGameAiModeCheckRtt("1");
