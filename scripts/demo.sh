@@ -210,8 +210,9 @@ log="$sandbox/vord-sls.log"
 : > "$sandbox/commands.log"
 
 # vordctl status once the daemon keeps a status snapshot; a no-op before that.
+ctl_help=$("$bin/vordctl" --help 2>&1 || true)
 show_status() {
-    if "$bin/vordctl" --help 2>&1 | grep -qw status; then
+    if [[ $ctl_help == *"vordctl status"* ]]; then
         echo "-- vordctl status:"
         "$bin/vordctl" status || true
     fi
@@ -228,6 +229,9 @@ wait_log_since() {  # wait_log_since LINE TEXT SECONDS
     return 1
 }
 
+# vordctl, without its note that it waits while the daemon finishes a command.
+ctl() { "$bin/vordctl" "$@" 2>&1 | { grep -v 'is busy' || true; }; }
+
 skip_lab=""
 if [ "$(id -u)" != 0 ]; then
     skip_lab="not root: the link lab needs network namespaces and TUN devices"
@@ -239,7 +243,7 @@ if [ -z "$skip_lab" ]; then
     lab="vdemo-$$"
     sls_rules() {  # the selection rules in the lab, "(none)" when there are none
         "$bin/vord-linklab" exec "$lab" -- iptables-save -t mangle |
-            grep -E '^-A (vexo_SLS|vexo_sls_)' || echo "(no vexo_SLS rule)"
+            grep -E '^-A (vexo_SLS|vexo_sls_uid_)' || echo "(no vexo_SLS rule)"
     }
 
     step "link lab $lab: wlan0 20 ms + 20 ms, rmnet_data0 15 ms + 15 ms (real delays)"
@@ -257,15 +261,15 @@ if [ -z "$skip_lab" ]; then
     pids+=($!)
     disown
     wait_for "$log" "Created socket success" 30
-    "$bin/vordctl" ifaces wlan0,rmnet_data0
-    "$bin/vordctl" sls-start 10123
+    ctl ifaces wlan0,rmnet_data0
+    ctl sls-start 10123
     wait_for "$log" "SLA_RTT_SELECTED perform switch wlan0" 20
     echo "-- the probes' RTTs (ms) and the choice:"
     for link in wlan0 rmnet_data0; do
         grep -F ",device is $link" "$log" | tail -n 1
     done
     grep -F "perform switch wlan0" "$log" | head -n 1
-    echo "-- iptables-save -t mangle in $lab: UID 10123 is sent to wlan0"
+    echo "-- iptables-save -t mangle in $lab: vexo_SLS sends UID 10123 to wlan0"
     sls_rules
     show_status
 
@@ -275,7 +279,7 @@ if [ -z "$skip_lab" ]; then
     disown
     wait_for "$sandbox/client.log" "connected " 10
     grep -F "connected " "$sandbox/client.log"
-    echo "-- the server's side:"
+    echo "-- the server's side (the source rewritten to wlan0's address by vord's MASQUERADE):"
     "$bin/vord-linklab" log "$lab" | grep -F "app accept" | tail -n 1
 
     step "vord-linklab cut $lab wlan0: every wlan0 packet dropped"
@@ -289,20 +293,21 @@ if [ -z "$skip_lab" ]; then
     wait_for "$sandbox/client.log" "reconnected " 10
     echo "-- the application:"
     grep -E "connection aborted|reconnected " "$sandbox/client.log" | head -n 2
-    echo "-- iptables-save -t mangle in $lab: UID 10123 is sent to rmnet_data0"
+    echo "-- iptables-save -t mangle in $lab: vexo_SLS now sends UID 10123 to rmnet_data0"
     sls_rules
     show_status
 
     step "vordctl sls-stop; setprop vendor.sla.enabled 2"
-    "$bin/vordctl" sls-stop
+    ctl sls-stop
     for _ in $(seq 1 50); do
-        sls_rules | grep -q vexo_sls_ || break
+        sls_rules | grep -q '^-A' || break
         sleep 0.1
     done
     sls_rules
     "$bin/setprop" vendor.sla.enabled 2
     wait_for "$log" "Vord exiting" 30
     tail -n 1 "$log"
+    show_status
     echo "-- left in $lab after the stop:"
     { "$bin/vord-linklab" exec "$lab" -- iptables-save | grep vexo_;
       "$bin/vord-linklab" exec "$lab" -- ip rule | grep fwmark; } ||
@@ -325,14 +330,14 @@ else
     pids+=($!)
     disown
     wait_for "$log" "Created socket success" 30
-    "$bin/vordctl" ifaces wlan0,rmnet_data0
+    ctl ifaces wlan0,rmnet_data0
     if [ -n "$host_links" ]; then
         # A probe binds to its link; on a host that has such a link it could
         # reach a real network, so selection is not started here.
         echo "SKIPPED sls-start: this host has a link named$host_links (a probe could leave the machine)"
     else
         echo "\$ vordctl sls-start 10123"
-        "$bin/vordctl" sls-start 10123
+        ctl sls-start 10123
         wait_for "$log" "device is wlan0" 20
         sleep 0.5
         echo "-- the rule commands it produces (sandbox/commands.log):"
@@ -342,9 +347,10 @@ else
         echo "   a probe to them fails before any packet is sent:"
         grep -E 'Set interface (wlan0|rmnet_data0) failed' "$log" | sort -u | head -n 2
         grep -E 'Ping (Miss|FAIL) for RTT interface' "$log" | head -n 2
+        show_status
         echo "\$ vordctl sls-stop"
         mark=$(wc -l < "$sandbox/commands.log")
-        "$bin/vordctl" sls-stop
+        ctl sls-stop
         sleep 1
         echo "-- the rule commands it produces:"
         tail -n +"$((mark + 1))" "$sandbox/commands.log" | grep -E 'vexo_(SLS|sls_)' | head -n 4 |
