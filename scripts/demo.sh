@@ -220,6 +220,15 @@ show_status() {
 }
 # The lines of the daemon's log after line $1 that match the pattern $2, at most $3.
 log_since() { tail -n +"$(($1 + 1))" "$log" | grep -E -- "$2" | head -n "$3" || true; }
+wait_count() {  # wait_count PATTERN N SECONDS: N lines of the log match PATTERN
+    local i
+    for ((i = 0; i < $3 * 10; i++)); do
+        [ "$(grep -cE -- "$1" "$log" || true)" -ge "$2" ] && return 0
+        sleep 0.1
+    done
+    echo "timed out waiting for $2 lines like: $1" >&2
+    return 1
+}
 wait_log_since() {  # wait_log_since LINE TEXT SECONDS
     local i
     for ((i = 0; i < $3 * 10; i++)); do
@@ -264,12 +273,17 @@ if [ -z "$skip_lab" ]; then
     wait_for "$log" "Created socket success" 30
     ctl ifaces wlan0,rmnet_data0
     ctl sls-start 10123
+    wait_count "TCPing cacla rtt is [0-9]+,device is wlan0" 3 20
+    wait_count "TCPing cacla rtt is [0-9]+,device is rmnet_data0" 3 20
     wait_for "$log" "SLA_RTT_SELECTED perform switch wlan0" 20
-    echo "-- the probes' RTTs (ms) and the choice:"
+    echo "-- the probes' RTTs (ms), the levels they give (Wi-Fi and cellular have their own RTT bands) and the choice, the higher level:"
     for link in wlan0 rmnet_data0; do
-        grep -F ",device is $link" "$log" | tail -n 1
+        { grep -E "TCPing cacla rtt is [0-9]+,device is $link" "$log" || true; } | tail -n 1
     done
-    grep -F "perform switch wlan0" "$log" | head -n 1
+    for link in wlan0 rmnet_data0; do
+        { grep -F "interface ($link) (network level" "$log" || true; } | tail -n 1
+    done
+    { grep -F "perform switch wlan0" "$log" || true; } | sed -n '1,1p'
     echo "-- iptables-save -t mangle in $lab: vexo_SLS sends UID 10123 to wlan0"
     sls_rules
     show_status
@@ -281,7 +295,7 @@ if [ -z "$skip_lab" ]; then
     wait_for "$sandbox/client.log" "connected " 10
     grep -F "connected " "$sandbox/client.log"
     echo "-- the server's side (the source rewritten to wlan0's address by vord's MASQUERADE):"
-    "$bin/vord-linklab" log "$lab" | grep -F "app accept" | tail -n 1
+    { "$bin/vord-linklab" log "$lab" | grep -F "app accept" || true; } | tail -n 1
 
     step "vord-linklab cut $lab wlan0: every wlan0 packet dropped"
     mark=$(wc -l < "$log")
@@ -293,7 +307,7 @@ if [ -z "$skip_lab" ]; then
     log_since "$mark" 'perform switch|UID destroying sockets|destroying .* sockets' 4
     wait_for "$sandbox/client.log" "reconnected " 10
     echo "-- the application:"
-    grep -E "connection aborted|reconnected " "$sandbox/client.log" | head -n 2
+    grep -E "connection aborted|reconnected " "$sandbox/client.log" | sed -n '1,2p'
     echo "-- iptables-save -t mangle in $lab: vexo_SLS now sends UID 10123 to rmnet_data0"
     sls_rules
     show_status
@@ -342,19 +356,19 @@ else
         wait_for "$log" "device is wlan0" 20
         sleep 0.5
         echo "-- the rule commands it produces (sandbox/commands.log):"
-        grep -E 'vexo_(SLS|sls_)' "$sandbox/commands.log" | head -n 8 | sed 's|^/system/bin/||'
+        { grep -E 'vexo_(SLS|sls_)' "$sandbox/commands.log" || true; } | sed -n '1,8p' | sed 's|^/system/bin/||'
         echo "   ... $(grep -cE 'vexo_(SLS|sls_)' "$sandbox/commands.log") in all"
         echo "-- the probes: wlan0 and rmnet_data0 do not exist on this host, so binding"
         echo "   a probe to them fails before any packet is sent:"
-        grep -E 'Set interface (wlan0|rmnet_data0) failed' "$log" | sort -u | head -n 2
-        grep -E 'Ping (Miss|FAIL) for RTT interface' "$log" | head -n 2
+        { grep -E 'Set interface (wlan0|rmnet_data0) failed' "$log" || true; } | sort -u | sed -n '1,2p'
+        { grep -E 'Ping (Miss|FAIL) for RTT interface' "$log" || true; } | sed -n '1,2p'
         show_status
         echo "\$ vordctl sls-stop"
         mark=$(wc -l < "$sandbox/commands.log")
         ctl sls-stop
         sleep 1
         echo "-- the rule commands it produces:"
-        tail -n +"$((mark + 1))" "$sandbox/commands.log" | grep -E 'vexo_(SLS|sls_)' | head -n 4 |
+        { tail -n +"$((mark + 1))" "$sandbox/commands.log" | grep -E 'vexo_(SLS|sls_)' || true; } | sed -n '1,4p' |
             sed 's|^/system/bin/||'
     fi
     "$bin/setprop" vendor.sla.enabled 2
