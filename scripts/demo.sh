@@ -353,11 +353,13 @@ else
     else
         echo "\$ vordctl sls-start 10123"
         ctl sls-start 10123
-        wait_for "$log" "device is wlan0" 20
+        wait_for "$log" "Set interface wlan0 failed" 20
         sleep 0.5
         echo "-- the rule commands it produces (sandbox/commands.log):"
-        { grep -E 'vexo_(SLS|sls_)' "$sandbox/commands.log" || true; } | sed -n '1,8p' | sed 's|^/system/bin/||'
-        echo "   ... $(grep -cE 'vexo_(SLS|sls_)' "$sandbox/commands.log") in all"
+        echo "   (the hook, the per-link chains, the UID's chains, the jump to the chosen link)"
+        { grep -E -- '-(I vexo_MUX .*vexo_SLS|N vexo_sls_|A vexo_sls_uid_|A vexo_SLS )' "$sandbox/commands.log" ||
+            true; } | sed -n '1,10p' | sed 's|^/system/bin/||'
+        echo "   ... $(grep -cE 'vexo_(SLS|sls_)' "$sandbox/commands.log") commands in all"
         echo "-- the probes: wlan0 and rmnet_data0 do not exist on this host, so binding"
         echo "   a probe to them fails before any packet is sent:"
         { grep -E 'Set interface (wlan0|rmnet_data0) failed' "$log" || true; } | sort -u | sed -n '1,2p'
