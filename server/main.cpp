@@ -14,6 +14,7 @@
 #include "sls/SmartLinkSelection.h"
 #include "sockdiag/GamingUidSockets.h"
 #include "sockdiag/SockDiag.h"
+#include "status/StatusSnapshot.h"
 
 int main(int /*argc*/, char** /*argv*/) {
     ALOGI("Vord (SLA+SLS) 3.0.4.5 starting daemon");
@@ -31,6 +32,7 @@ int main(int /*argc*/, char** /*argv*/) {
     do {
         sla->evalAndSetSLAInterfaceRatio();
         sls->slsChooseInterface();
+        vord::status::updateStatusSnapshot(params, sla);
         // The period is read afresh each time; 0 means no sleep at all (usleep(0)
         // would still pay the kernel's timer slack).
         uint32_t sleepUs = static_cast<uint32_t>(params->get(mini_est_interval)) * 1000u;
@@ -48,6 +50,7 @@ int main(int /*argc*/, char** /*argv*/) {
     IptablesManager::clean_MUX_iptables();
     SlaStatsImpl::finalize();
     ALOGI("Vord exiting");
+    vord::status::writeStoppedStatusSnapshot(params);
 
     // Idle for ever: only a restart by the platform brings the features back.
     for (;;) sleep(600);

@@ -45,6 +45,7 @@
 #include "control/SignalHandler.h"
 #include "control/WhitelistCommands.h"
 #include "rules/IptablesManager.h"
+#include "status/Counters.h"
 
 namespace {
 
@@ -322,6 +323,8 @@ void handleMessage(msg_t msg) {
     msg.message[VORD_MSG_TEXT_SIZE - 1] = '\0';
     const char* text = msg.message;
     Parameters* params = controlParameters();
+    vord::bump(msg.id >= 1 && msg.id <= 14 ? vord::counters().controlRecordsServed
+                                           : vord::counters().controlRecordsRefused);
     switch (msg.id) {
         case 1: updateInterfaces(text); break;
         case 2: setUidWhitelist(text); break;
@@ -344,7 +347,10 @@ void handleMessage(msg_t msg) {
 void drainRecords(int fd, msg_t& buffer, const std::function<bool()>& keepGoing,
                   void (*dispatch)(msg_t)) {
     while (keepGoing() && receiveRecord(fd, buffer)) {
-        if (buffer.length > kMaxTextLength) continue;
+        if (buffer.length > kMaxTextLength) {
+            vord::bump(vord::counters().controlRecordsRefused);
+            continue;
+        }
         ALOGI("recv msg: msg.id=%d, msg.length=%d, msg.message=[%s]\n", buffer.id, buffer.length,
               vord::escapeForLog(buffer.message).c_str());
         dispatch(buffer);

@@ -24,6 +24,8 @@
 
 #include <vord/RootPath.h>
 
+#include "status/Counters.h"
+
 extern char** environ;
 
 namespace {
@@ -82,11 +84,13 @@ int execnetd(const char* cmd) {
     size_t len = strlen(cmd);
     if (len + kStderrSuffix >= kLineSize) {
         ALOGE("%s command of %zu characters is too long, not run: %.64s...", "execnetd", len, cmd);
+        vord::bump(vord::counters().ruleCommandsNotStarted);
         return -1;
     }
     std::vector<std::string> args = splitAtBlanks(cmd);
     if (args.empty()) {
         ALOGE("SEND SLA NDC COMMAND - FAIL  %s \n", cmd);
+        vord::bump(vord::counters().ruleCommandsNotStarted);
         return -1;
     }
     std::string tool = vord::resolvePath(args[0]);
@@ -99,6 +103,7 @@ int execnetd(const char* cmd) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) {
         ALOGE("SEND SLA NDC COMMAND - FAIL  %s \n", cmd);
+        vord::bump(vord::counters().ruleCommandsNotStarted);
         return -1;
     }
     posix_spawn_file_actions_t actions;
@@ -126,8 +131,10 @@ int execnetd(const char* cmd) {
     if (rc != 0) {
         close(fds[0]);
         ALOGE("SEND SLA NDC COMMAND - FAIL  %s \n", cmd);
+        vord::bump(vord::counters().ruleCommandsNotStarted);
         return -1;
     }
+    vord::bump(vord::counters().ruleCommandsRun);
     ALOGI("SEND SLA NDC COMMAND - PASS  %s\n", cmd);
     drainOutput(fds[0], cmd);
     close(fds[0]);

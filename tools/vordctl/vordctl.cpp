@@ -1,6 +1,7 @@
 // vordctl: sends control commands to a running vord over its local socket.
 //
 //   vordctl [--socket PATH] [--timeout SECONDS] [-n|--dry-run] COMMAND [PAYLOAD]...
+//   vordctl status [--json] [--watch] [--file PATH]   (status.cpp)
 //
 // Every command becomes one 1032-byte record, written with one write; all
 // commands of one invocation go over one connection, in order. The daemon sends
@@ -36,6 +37,7 @@
 #include <vord/RootPath.h>
 
 #include "control/msg.h"
+#include "status.h"
 
 namespace {
 
@@ -96,6 +98,7 @@ void usage(FILE* out) {
     fprintf(out,
             "usage: vordctl [--socket PATH] [--timeout SECONDS] [-n|--dry-run] COMMAND [PAYLOAD]\n"
             "               [COMMAND [PAYLOAD]]...\n"
+            "       vordctl status [--json] [--watch] [--file PATH]   (see vordctl status --help)\n"
             "\n"
             "Sends commands to vord over its control socket, all over one connection, in\n"
             "order. The socket is /dev/socket/vord, under $VORD_ROOT when that is set.\n"
@@ -315,6 +318,8 @@ int main(int argc, char** argv) {
         usage(stderr);
         return 2;
     }
+
+    if (strcmp(argv[i], "status") == 0) return runStatus(argc - i - 1, argv + i + 1);
 
     std::vector<msg_t> records;
     if (!parseCommands(argc, argv, i, &records)) return 2;

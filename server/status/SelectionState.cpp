@@ -1,0 +1,27 @@
+// Reading the link-selection engine for the status snapshot.
+
+#include "status/SelectionState.h"
+
+#include "sls/SmartLinkSelection.h"
+
+namespace vord {
+namespace status {
+
+EngineRead readSelectionEngine(EngineState* out) {
+    if (!SmartLinkSelection::isInstance()) return EngineRead::None;
+    SlsState state;
+    if (!SmartLinkSelection::trySnapshotState(state)) {
+        // A probe or a decision step holds the engine (or it ended just now).
+        return SmartLinkSelection::isInstance() ? EngineRead::Busy : EngineRead::None;
+    }
+    out->current = state.current;
+    out->switchCount = state.switchCount;
+    out->links.clear();
+    for (const SlsLinkState& l : state.links) {
+        out->links.push_back({l.ifname, l.speed, l.level, l.missCount, l.rssiPenaltyMs, l.running});
+    }
+    return EngineRead::Read;
+}
+
+}  // namespace status
+}  // namespace vord

@@ -1,0 +1,35 @@
+// The link-selection engine's state as the status snapshot shows it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace vord {
+namespace status {
+
+struct EngineLink {
+    std::string ifname;
+    int speed = 0;  // smoothed RTT, ms; -1 when the link failed
+    int level = 0;
+    int missCount = 0;
+    int rssiPenaltyMs = 0;
+    bool running = false;
+};
+
+struct EngineState {
+    std::string current;  // empty when no link is current
+    int switchCount = 0;  // switches in the current hysteresis window
+    std::vector<EngineLink> links;
+};
+
+enum class EngineRead {
+    None,  // no selection engine
+    Busy,  // the engine is in a probe or a decision step; nothing was read
+    Read,  // `out` holds the engine's state
+};
+
+// Never waits for the engine: a probe holds its lock for up to the probe time-out.
+EngineRead readSelectionEngine(EngineState* out);
+
+}  // namespace status
+}  // namespace vord
