@@ -13,7 +13,8 @@
 # 40 ms and rmnet_data0 with a 30 ms real round trip), runs the daemon inside
 # the lab, starts selection for UID 10123 and an application of that UID, shows
 # the link chosen, cuts wlan0 and shows the switch, the application's
-# connection torn down and re-established over rmnet_data0, then stops
+# connection torn down and re-established over rmnet_data0 (with vordctl
+# status after each stage), then stops
 # selection and the daemon and shows no rule is left. Without root it shows the
 # selection commands and the rule commands they produce with recording
 # stand-ins, and says what it skipped.
@@ -121,6 +122,15 @@ show_sla_rules() {
         grep -E 'vexo_SLA' "$sandbox/commands.log" | tail -n 3
     fi
 }
+# vordctl status (the daemon's status snapshot), without blank lines and the
+# UID-list summary.
+ctl_help=$("$bin/vordctl" --help 2>&1 || true)
+show_status() {
+    if [[ $ctl_help == *"vordctl status"* ]]; then
+        echo "-- vordctl status:"
+        { "$bin/vordctl" status 2>&1 || true; } | { grep -v -e '^$' -e '^Features' || true; }
+    fi
+}
 
 printf '\n\033[1m######## Part 1: link aggregation ########\033[0m\n'
 # --- the kernel module's stand-in ---
@@ -162,6 +172,7 @@ if [ -n "$ns" ]; then
 else
     grep -E 'vexo_MUX_wapper' "$sandbox/commands.log" | tail -n 2
 fi
+show_status
 
 step "wlan0 drops to 400 kbit/s: the shares move, the rules follow"
 before=$(grep -c 'Updated Ratio' "$sandbox/vord.log")
@@ -210,14 +221,6 @@ sed -e 's/^mini_est_interval=.*/mini_est_interval=100/' \
 log="$sandbox/vord-sls.log"
 : > "$sandbox/commands.log"
 
-# vordctl status once the daemon keeps a status snapshot; a no-op before that.
-ctl_help=$("$bin/vordctl" --help 2>&1 || true)
-show_status() {
-    if [[ $ctl_help == *"vordctl status"* ]]; then
-        echo "-- vordctl status:"
-        "$bin/vordctl" status || true
-    fi
-}
 # The lines of the daemon's log after line $1 that match the pattern $2, at most $3.
 log_since() { tail -n +"$(($1 + 1))" "$log" | grep -E -- "$2" | head -n "$3" || true; }
 wait_count() {  # wait_count PATTERN N SECONDS: N lines of the log match PATTERN
