@@ -372,8 +372,9 @@ else
         mark=$(wc -l < "$sandbox/commands.log")
         ctl sls-stop
         sleep 1
-        echo "-- the rule commands it produces:"
-        { tail -n +"$((mark + 1))" "$sandbox/commands.log" | grep -E 'vexo_(SLS|sls_)' || true; } | sed -n '1,4p' |
+        echo "-- the rule commands it produces (per link: the jump and the chains deleted):"
+        { tail -n +"$((mark + 1))" "$sandbox/commands.log" | grep -E -- '-(D vexo_SLS |X vexo_sls_)' ||
+            true; } | sed -n '1,6p' |
             sed 's|^/system/bin/||'
     fi
     "$bin/setprop" vendor.sla.enabled 2
