@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "LinkLab.h"
+#include "status/StatusText.h"
 
 namespace vord {
 namespace test {
@@ -73,6 +74,17 @@ class SlsLabE2E : public ::testing::Test {
         ASSERT_EQ(0, shell("VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " " + args, &out)) << out;
     }
     std::string mangle() const { return lab->exec("iptables-save -t mangle"); }
+    // The daemon's status snapshot; false while there is none (or it is partial).
+    bool snapshot(status::Snapshot* out) const {
+        std::string error;
+        return status::parse(root.readFile("/data/vendor/vord/status"), out, &error);
+    }
+    static const status::LinkStatus* linkIn(const status::Snapshot& s, const std::string& name) {
+        for (const auto& l : s.links) {
+            if (l.name == name) return &l;
+        }
+        return nullptr;
+    }
     bool chainsGone() const { return mangle().find("vexo_sls_") == std::string::npos; }
     size_t probes() const { return daemon.countLog("TCPing cacla rtt is "); }
     // True when probing has stopped: no new probe result for a while.
@@ -107,6 +119,9 @@ TEST_F(SlsLabE2E, SelectsTheFasterLinkSwitchesWhenItIsCutAndCleansUp) {
     ASSERT_TRUE(daemon.waitForLog("calcInterface SLA_RTT_SELECTED perform switch wlan0 ", 10s)) << daemon.log();
     EXPECT_NE(mangle().find("-A vexo_SLS -j vexo_sls_uid_wlan0"), std::string::npos) << mangle();
 
+    status::Snapshot before;
+    ASSERT_TRUE(waitFor([&] { return snapshot(&before) && before.current == "wlan0"; }, 5s));
+
     auto game = lab->startClient(10123);
     auto other = lab->startClient(10456);
     EXPECT_EQ("wlan0", LabClient::linkOf(game->waitForLine("connected ", 5s))) << game->output();
@@ -120,6 +135,13 @@ TEST_F(SlsLabE2E, SelectsTheFasterLinkSwitchesWhenItIsCutAndCleansUp) {
               << 3 * (200 + 500) + 100 << " ms)\n";
     EXPECT_TRUE(waitFor([&] { return mangle().find("-A vexo_SLS -j vexo_sls_uid_rmnet_data0") != std::string::npos; }, 2s))
         << mangle();
+    // The snapshot shows the new link, one switch more and the cut link failed.
+    status::Snapshot after;
+    EXPECT_TRUE(waitFor([&] {
+        const status::LinkStatus* w = snapshot(&after) ? linkIn(after, "wlan0") : nullptr;
+        return after.current == "rmnet_data0" && w != nullptr && w->level == 1;
+    }, 3s)) << root.readFile("/data/vendor/vord/status");
+    EXPECT_EQ(after.linkSwitches, before.linkSwitches + 1);
     // The game's connection is destroyed and comes back over rmnet_data0.
     EXPECT_NE("", game->waitForLine("connection aborted: ECONNABORTED", 5s)) << game->output();
     EXPECT_EQ("rmnet_data0", LabClient::linkOf(game->waitForLine("reconnected ", 5s))) << game->output();
