@@ -100,7 +100,8 @@ TEST_F(SlsDaemonTest, StartSelectsAndStopRemovesTheChainsAndEveryProbeThread) {
 
     ASSERT_TRUE(client.send(10, ""));
     EXPECT_TRUE(waitThreads(idleThreads)) << daemonThreads(root);
-    for (int i = 0; i < 100 && root.recordedCommands().find("-X vexo_sls_uid_rmnet_data9") == std::string::npos; ++i) {
+    // wlan7 comes last in key order: its chains go last.
+    for (int i = 0; i < 100 && root.recordedCommands().find("-X vexo_sls_uid_wlan7") == std::string::npos; ++i) {
         std::this_thread::sleep_for(50ms);
     }
     cmds = newCommands();
