@@ -44,6 +44,7 @@ void* makeRawPingFunc(void* rtt) {
             info.server = server.c_str();
             info.port = params->getRttServerPort();
             r->setSpeed(Tcping::updateTcpingRtt(&info, r->rssiPenaltyMs));
+            SmartLinkSelection::publishState();
         }
         if (!r->alive) break;
         pingWakeup().wait_for(lock, interval, [r] { return !r->alive; });

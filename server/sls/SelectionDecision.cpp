@@ -41,6 +41,10 @@ void SmartLinkSelection::slsChooseInterface() {
 
 void SmartLinkSelection::calcInterface() {
     std::lock_guard<std::mutex> lock(g_slsMapMutex);
+    // Publishes the outcome on every return, before the lock is released.
+    struct Publish {
+        ~Publish() { SmartLinkSelection::publishState(); }
+    } publish;
     InterfaceRtt* prev = m_currentInterface;
     InterfaceRtt* best = getFastestInterface();
     if (best == nullptr) {

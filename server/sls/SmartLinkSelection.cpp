@@ -32,6 +32,12 @@ std::recursive_mutex g_slsInstanceMutex;
 std::recursive_mutex g_slsControlMutex;
 std::atomic<SmartLinkSelection*> g_slsInstance{nullptr};
 
+// The state as of the last probe or decision step, for readers that must not
+// wait for a probe in progress (a probe holds g_slsMapMutex for up to seconds).
+// A leaf lock: taken under g_slsMapMutex, never the other way round.
+std::mutex g_publishedMutex;
+SlsState g_published;
+
 struct RegistryEntry {
     std::string name;
     bool slave;
@@ -110,27 +116,38 @@ void SmartLinkSelection::finalize() {
         engine->m_slsInterfaceMap.clear();
         engine->m_currentInterface = nullptr;
         g_slsInstance.store(nullptr, std::memory_order_release);
+        publishState();
     }
     delete engine;
 }
 
 void SmartLinkSelection::cleanup() { finalize(); }
 
-bool SmartLinkSelection::trySnapshotState(SlsState& out) {
-    std::unique_lock<std::mutex> lock(g_slsMapMutex, std::try_to_lock);
-    if (!lock.owns_lock()) return false;
+void SmartLinkSelection::publishState() {
     SmartLinkSelection* engine = g_slsInstance.load(std::memory_order_acquire);
-    if (engine == nullptr) return false;
     SlsState state;
-    state.exists = true;
-    if (engine->m_currentInterface != nullptr) state.current = engine->m_currentInterface->ifname;
-    state.switchCount = engine->m_switchCount;
-    for (const auto& entry : engine->m_slsInterfaceMap) {
-        const InterfaceRtt* r = entry.second;
-        if (r == nullptr) continue;
-        state.links.push_back({r->ifname, r->speed, r->level, r->missCount, r->rssiPenaltyMs, r->running});
+    if (engine != nullptr) {
+        state.exists = true;
+        if (engine->m_currentInterface != nullptr) state.current = engine->m_currentInterface->ifname;
+        state.switchCount = engine->m_switchCount;
+        for (const auto& entry : engine->m_slsInterfaceMap) {
+            const InterfaceRtt* r = entry.second;
+            if (r == nullptr) continue;
+            state.links.push_back({r->ifname, r->speed, r->level, r->missCount, r->rssiPenaltyMs, r->running});
+        }
     }
-    out = std::move(state);
+    std::lock_guard<std::mutex> published(g_publishedMutex);
+    g_published = std::move(state);
+}
+
+bool SmartLinkSelection::trySnapshotState(SlsState& out) {
+    {
+        std::unique_lock<std::mutex> lock(g_slsMapMutex, std::try_to_lock);
+        if (lock.owns_lock()) publishState();
+    }
+    std::lock_guard<std::mutex> published(g_publishedMutex);
+    if (!g_published.exists) return false;
+    out = g_published;
     return true;
 }
 

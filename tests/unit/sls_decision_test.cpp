@@ -159,10 +159,13 @@ TEST_F(SlsTest, SnapshotShowsTheStateWithoutWaiting) {
     ASSERT_EQ(1u, state.links.size());
     EXPECT_EQ(42, state.links[0].speed);
     {
+        // A probe holds the lock: the state published by the last step, at once.
         std::lock_guard<std::mutex> busy(g_slsMapMutex);
-        SlsState untouched;
-        EXPECT_FALSE(SmartLinkSelection::trySnapshotState(untouched));
-        EXPECT_FALSE(untouched.exists);
+        engine->slsInterfaceMap().begin()->second->speed = 99;
+        SlsState published;
+        EXPECT_TRUE(SmartLinkSelection::trySnapshotState(published));
+        EXPECT_EQ("wlan0", published.current);
+        EXPECT_EQ(42, published.links.at(0).speed);
     }
 }
 
