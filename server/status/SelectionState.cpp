@@ -11,7 +11,7 @@ EngineRead readSelectionEngine(EngineState* out) {
     if (!SmartLinkSelection::isInstance()) return EngineRead::None;
     SlsState state;
     if (!SmartLinkSelection::trySnapshotState(state)) {
-        // A probe or a decision step holds the engine (or it ended just now).
+        // Busy before its first publication (or it ended just now).
         return SmartLinkSelection::isInstance() ? EngineRead::Busy : EngineRead::None;
     }
     out->current = state.current;

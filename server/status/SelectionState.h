@@ -24,11 +24,12 @@ struct EngineState {
 
 enum class EngineRead {
     None,  // no selection engine
-    Busy,  // the engine is in a probe or a decision step; nothing was read
+    Busy,  // the engine is busy and has published nothing yet; nothing was read
     Read,  // `out` holds the engine's state
 };
 
-// Never waits for the engine: a probe holds its lock for up to the probe time-out.
+// Never waits for the engine (a probe holds its lock for up to seconds): while
+// it is busy, the state published by its last probe or decision step is read.
 EngineRead readSelectionEngine(EngineState* out);
 
 }  // namespace status

@@ -74,7 +74,7 @@ void collectSelection(const Snapshot& previous, Snapshot* out) {
             out->engine = false;
             return;
         case EngineRead::Busy:
-            // A probe holds the engine: show what was read last time.
+            // Nothing published yet: show what was read last time.
             out->engine = previous.engine;
             out->current = previous.current;
             out->switches = previous.switches;
