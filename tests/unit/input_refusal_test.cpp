@@ -56,7 +56,8 @@ TEST(Tokens, KernelTablesRootAndLongNames) {
 
 TEST_F(Refusals, UnmanageableNamesTakeNoSlotAndNoRecord) {
     vord::LogCapture log;
-    for (const char* name : {"rmnet_data123", "ccmni_long_nm", "local", "main", "255"}) {
+    for (const char* name : {"rmnet_data123", "ccmni_long_nm", "local", "main", "255", "wlan0 -j DROP",
+                             "wlan0;reboot", "a/b", "-o"}) {
         p.UpdateInterface(name, true);
         EXPECT_FALSE(registered(name)) << name;
         EXPECT_EQ(1u, log.count(std::string("UpdateInterface refused interface \"") + name)) << name;

@@ -2,6 +2,8 @@
 // game-mode check and the VoIP probe target.
 #include "SlsTestSupport.h"
 
+#include "monitors/MonitorAdapters.h"
+
 #include <string>
 
 namespace {
@@ -161,6 +163,21 @@ TEST_F(SlsTest, SnapshotShowsTheStateWithoutWaiting) {
         EXPECT_FALSE(SmartLinkSelection::trySnapshotState(untouched));
         EXPECT_FALSE(untouched.exists);
     }
+}
+
+// The RSSI monitor's penalty sink against the real engine.
+TEST_F(SlsTest, PenaltySinkWritesOnlyExistingRecordsAndNothingWithoutTheEngine) {
+    InterfaceRtt* wlan7 = addLink("wlan7", 0);
+    auto sink = vord::makeSelectionPenaltySink();
+    EXPECT_EQ(sink->write({{"wlan7", 30}, {"wlan9", 60}}), 1);
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        EXPECT_EQ(wlan7->rssiPenaltyMs, 30);
+        EXPECT_EQ(engine->slsInterfaceMap().count("wlan9"), 0u);  // no record made up
+    }
+    SmartLinkSelection::finalize();
+    EXPECT_EQ(sink->write({{"wlan7", 60}}), -1);
+    EXPECT_FALSE(SmartLinkSelection::isInstance());  // not created by the write
 }
 
 }  // namespace
