@@ -294,7 +294,7 @@ TEST(DualWifiChoice, CandidatePerRoundAndThreeRoundHysteresis) {
     const int rows[][3] = {
             {40, 60, 0},  {40, 81, 0},  // twice as slow but < 50 ms worse
             {60, 120, 0}, {60, 130, 1}, {130, 60, 2}, {-1, 50, 2},
-            {50, -1, 1},  {-1, -1, 0},  {0, 49, 0},  // 49 ms is below the margin
+            {50, -1, 1},  {-1, -1, 0},  {0, 49, 0}, {0, 50, 1},  // the margin is 50 ms
     };
     for (const auto& r : rows) EXPECT_EQ(vord::DualWifiChoice::candidate(r[0], r[1]), r[2]) << r[0] << " " << r[1];
 

@@ -228,7 +228,8 @@ TEST_F(SockDiagTest, DumpReaderLengthAndErrorRules) {
 
 TEST_F(SockDiagTest, TcpInfoAttributeWalk) {
     using K = FakeDiagKernel;
-    const Bytes shortAttr = K::attr(9, {1, 2}, 2);
+    // Length 2 ends the walk: the attribute after it is never taken.
+    const Bytes shortAttr = K::concat({K::attr(9, {}, 2), K::attr(INET_DIAG_INFO, TcpInfoBytes(999))});
     const Bytes pastEnd = K::attr(INET_DIAG_INFO, TcpInfoBytes(333), 2000);
     answerFirstDump({K::concat({K::entry(Sock(AF_INET, 0, 1), K::concat({K::attr(INET_DIAG_INFO, TcpInfoBytes(111)), shortAttr})),
                                 K::entry(Sock(AF_INET, 0, 2), K::concat({K::attr(INET_DIAG_INFO, TcpInfoBytes(222)), pastEnd}))}),
