@@ -85,8 +85,7 @@ TEST_F(SlaChannelTest, VoipTrackingLinesAndPeerState) {
 
 TEST_F(SlaChannelTest, ShrunkenBlockIsSkippedWithOneLineAndReadAgainWhenWhole) {
     sla::StatsBlock* block = link("wlan0", false);
-    const std::vector<Rec> recs = {{600, 0, S}, {500, 12800, I}, {400, 12800, I}, {300, 12800, I},
-                                   {200, 12800, I}, {100, 12800, I}};
+    const std::vector<Rec> recs = steadyRecords();
     writeRecords(block, recs);
     ASSERT_TRUE(impl->initMmap());
     impl->setRatioApplier([](std::map<std::string, linkStatsWrapper_t*>&) { return 0; });
