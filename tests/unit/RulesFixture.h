@@ -4,40 +4,30 @@
 
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
 #include <memory>
 #include <vector>
 
 #include <vord/LogCapture.h>
-#include <vord/RootPath.h>
 
-#include "TempRoot.h"
-#include "config/Parameters.h"
+#include "UnitRegistry.h"
 #include "rules/IptablesManager.h"
 
 using Strings = std::vector<std::string>;
+using unittest::addRecord;
 
 #define IPT "/system/bin/iptables-wrapper-1.0 -w -t mangle "
 
 class RulesTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        for (const char* tool : {"iptables-wrapper-1.0", "ip-wrapper-1.0"}) {
-            vord::test::TempRoot::writeAt(vord::resolvePath("/system/bin/") + tool, "#!/bin/sh\n",
-                                          0755);
-        }
+        unittest::stubRuleTools();
         manager = IptablesManager::instance();
         log = std::make_unique<vord::LogCapture>();
     }
 
     void TearDown() override {
         log.reset();
-        {
-            std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
-            for (auto& entry : params->interfaceInfoMap()) free(entry.second);
-            params->interfaceInfoMap().clear();
-        }
+        unittest::clearRegistry();
         setList(&Parameters::setuidwhitelist, &Parameters::populateSlauidwhitelist, "");
         setList(&Parameters::setDWUidWhitelist, &Parameters::populateDWUidWhitelist, "");
         setList(&Parameters::setDDUidWhitelist, &Parameters::populateDDUidWhitelist, "");
@@ -51,13 +41,6 @@ class RulesTest : public ::testing::Test {
                  const char* text) {
         (params->*set)(text);
         (params->*parse)();
-    }
-
-    // Registers a record built from an interface parameter string.
-    void addRecord(const std::string& paramString) {
-        InterfaceInfo_t* record = params->parseInterfaceParams(paramString);
-        ASSERT_NE(record, nullptr) << paramString;
-        ASSERT_EQ(params->addNewInterfacetoMap(record), 1);
     }
 
     // The commands issued since the last call, as written.

@@ -43,6 +43,11 @@ inline void writeRecords(sla::StatsBlock* b, const std::vector<Rec>& recs) {
     b->index = slot;
 }
 
+// Five 100 ms intervals of 1000 kbit/s (12800 bytes each), the newest 10 ms old.
+inline std::vector<Rec> steadyRecords() {
+    return {{510, 0, S}, {410, 12800, I}, {310, 12800, I}, {210, 12800, I}, {110, 12800, I}, {10, 12800, I}};
+}
+
 inline void registerInterface(const char* name, bool metered) {
     auto* info = static_cast<InterfaceInfo_t*>(calloc(1, sizeof(InterfaceInfo_t)));
     snprintf(info->name, sizeof(info->name), "%s", name);

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
 #include <sys/time.h>
 
 #include <memory>
@@ -13,25 +12,19 @@
 #include <vector>
 
 #include <vord/LogCapture.h>
-#include <vord/RootPath.h>
-
-#include "TempRoot.h"
-#include "config/Parameters.h"
+#include "UnitRegistry.h"
 #include "sls/SmartLinkSelection.h"
 
 namespace slstest {
 
-// Registry parameter strings: name,metered,table,mark,default,cost,bias,slave,bssid.
-constexpr const char* kWlan0 = "wlan0,0,wlan0,0x200000,1,0,0,0,ffffffffffff";
-constexpr const char* kWlan1 = "wlan1,0,wlan1,0x400000,0,0,0,1,ffffffffffff";
-constexpr const char* kRmnet = "rmnet_data0,1,rmnet_data0,0x600000,0,0,0,0,ffffffffffff";
+using unittest::kRmnet;
+using unittest::kWlan0;
+using unittest::kWlan1;
 
 class SlsTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        for (const char* tool : {"iptables-wrapper-1.0", "ip-wrapper-1.0"}) {
-            vord::test::TempRoot::writeAt(vord::resolvePath("/system/bin/") + tool, "#!/bin/sh\n", 0755);
-        }
+        unittest::stubRuleTools();
         gettimeofday(&clock, nullptr);
         engine = SmartLinkSelection::instance();
         engine->setClock([this] { return clock; });
@@ -44,11 +37,7 @@ class SlsTest : public ::testing::Test {
     void TearDown() override {
         SmartLinkSelection::finalize();
         log.reset();
-        {
-            std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
-            for (auto& entry : params->interfaceInfoMap()) free(entry.second);
-            params->interfaceInfoMap().clear();
-        }
+        unittest::clearRegistry();
         for (const char* key : {"t_hyst_s=0", "alpha_percent=50", "min_ping_times=5", "n_hyst=1",
                                 "rtt_server=" VORD_DEFAULT_RTT_SERVER, "ping_interval_ms=1000"}) {
             std::string kv = key;
@@ -65,11 +54,7 @@ class SlsTest : public ::testing::Test {
 
     void set(const char* key, const char* value) { ASSERT_TRUE(params->setValue(key, value)) << key; }
 
-    void registerInterface(const char* paramString) {
-        InterfaceInfo_t* record = params->parseInterfaceParams(paramString);
-        ASSERT_NE(record, nullptr) << paramString;
-        ASSERT_EQ(params->addNewInterfacetoMap(record), 1);
-    }
+    void registerInterface(const char* paramString) { unittest::addRecord(paramString); }
 
     // A record without a probe thread, at `level` (0: not measured).
     InterfaceRtt* addLink(const char* name, int level) {

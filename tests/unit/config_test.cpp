@@ -1,6 +1,7 @@
 // The configuration file, its defaults, and the UID and gateway lists.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <vord/LogCapture.h>
@@ -42,16 +43,20 @@ TEST(Config, CommentCutAndConversionQuirks) {
     }
 }
 
-TEST(Config, MissingFileKeepsDefaultsAndLogsOneError) {
+TEST(Config, MissingFileOrDirectoryKeepsDefaultsAndLogsOneError) {
     unlink(conf().c_str());
-    vord::LogCapture log;
-    Parameters p;
-    EXPECT_EQ(log.grep("E/"), Strings{"E/MUX-Vord-SlaParameters: read vord conf file failed!"});
-    EXPECT_EQ(p.get(mini_est_interval), 1000);
-    EXPECT_EQ(p.get(28), 0);
-    EXPECT_EQ(p.get(29), -1);
-    char buf[512];
-    EXPECT_STREQ(p.getStatsProtocols(buf), "protocols=http,https");
+    for (bool directory : {false, true}) {
+        if (directory) { ASSERT_EQ(0, mkdir(conf().c_str(), 0755)); }
+        vord::LogCapture log;
+        Parameters p;
+        EXPECT_EQ(log.grep("E/"), Strings{"E/MUX-Vord-SlaParameters: read vord conf file failed!"});
+        EXPECT_EQ(p.get(mini_est_interval), 1000);
+        EXPECT_EQ(p.get(28), 0);
+        EXPECT_EQ(p.get(29), -1);
+        char buf[512];
+        EXPECT_STREQ(p.getStatsProtocols(buf), "protocols=http,https");
+    }
+    rmdir(conf().c_str());
 }
 
 TEST(Config, UidListsRefuseOverlongAndNonDecimalEntriesKeepingTheRest) {

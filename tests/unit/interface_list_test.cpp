@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "TempRoot.h"
-#include "config/Parameters.h"
+#include "UnitRegistry.h"
 #include "control/ControlState.h"
 #include "control/InterfaceCommands.h"
 #include "sla/SlaStatsImpl.h"
@@ -24,9 +23,7 @@ using vord::test::TempRoot;
 class InterfaceListTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        for (const char* tool : {"iptables-wrapper-1.0", "ip-wrapper-1.0"}) {
-            TempRoot::writeAt(vord::resolvePath("/system/bin/") + tool, "#!/bin/sh\n", 0755);
-        }
+        unittest::stubRuleTools();
         TempRoot::writeAt(vord::resolvePath("/proc/sla/config"), "");
         // Blocks that map at once (not ready: no rates needed here).
         for (const char* name : {"wlan0", "wlan1", "rmnet_data0"}) {

@@ -34,20 +34,18 @@ class MonitorTest : public ::testing::Test {
     void registerLinks(std::initializer_list<const char*> names) {
         for (const char* name : names) p.UpdateInterface(name, true);
     }
+    void gaming() { p.setGamingUids("10123"); p.populateGamingUids(); }
     Parameters p;
 };
 
-// ---- RSSI monitor ----
-
 struct ScriptedStation : vord::StationQuery {
     bool available = true;
-    std::map<std::string, int> signal;  // by interface
-    std::vector<std::string> asked;     // "ifname bssid"
+    std::map<std::string, int> signal;
+    std::vector<std::string> asked;  // "ifname bssid"
     bool start() override { return available; }
     int signalDbm(const char* bssid, const char* ifname) override {
         asked.push_back(std::string(ifname) + " " + bssid);
-        auto it = signal.find(ifname);
-        return it != signal.end() ? it->second : 0;
+        return signal.count(ifname) ? signal[ifname] : 0;
     }
 };
 
@@ -60,37 +58,30 @@ struct RecordingSink : vord::PenaltySink {
 };
 
 TEST(RssiPenalty, SignalTable) {
-    const std::pair<int, int> table[] = {
-            {0, 0},    {3, 0},    {-30, 0},  {-65, 0},  {-66, 10}, {-72, 10},  {-73, 30},
-            {-78, 30}, {-79, 60}, {-84, 60}, {-85, 100}, {-95, 100}, {-128, 100},
-    };
-    for (const auto& row : table) {
-        EXPECT_EQ(RssiStateMonitor::penaltyForSignal(row.first), row.second) << row.first;
-    }
+    const std::pair<int, int> table[] = {{0, 0},    {3, 0},    {-65, 0},   {-66, 10},  {-72, 10},
+                                         {-73, 30}, {-78, 30}, {-79, 60},  {-84, 60},  {-85, 100},
+                                         {-128, 100}};
+    for (const auto& r : table) EXPECT_EQ(RssiStateMonitor::penaltyForSignal(r.first), r.second) << r.first;
 }
 
-TEST_F(MonitorTest, RssiQueriesWifiLinksWithKnownBssidAndLogsChangesOnly) {
+TEST_F(MonitorTest, RssiQueriesWifiLinksWithValidBssidAndLogsChangesOnly) {
     registerLinks({"wlan0", "wlan1", "rmnet_data0"});
     p.UpdateInterfaceBssid("AA:BB:CC:DD:EE:FF");  // wlan1 keeps the unknown BSSID
     auto station = std::make_unique<ScriptedStation>();
     auto sink = std::make_unique<RecordingSink>();
     ScriptedStation* s = station.get();
     RecordingSink* k = sink.get();
-    station->signal["wlan0"] = -70;
+    s->signal["wlan0"] = -70;
     RssiStateMonitor monitor(&p, std::move(station), std::move(sink));
-
     vord::LogCapture log;
     monitor.tick();
     EXPECT_EQ(s->asked, std::vector<std::string>{"wlan0 AABBCCDDEEFF"});
-    const std::map<std::string, int> first{{"wlan0", 10}, {"wlan1", 0}};
     ASSERT_EQ(k->writes.size(), 1u);
-    EXPECT_EQ(k->writes[0], first);
+    EXPECT_EQ(k->writes[0], (std::map<std::string, int>{{"wlan0", 10}, {"wlan1", 0}}));
     EXPECT_EQ(log.count("wlan0 signal -70 dBm: RTT penalty 10 ms (was 0 ms)"), 1u);
-
     monitor.tick();  // unchanged: written again, not logged again
     EXPECT_EQ(k->writes.size(), 2u);
     EXPECT_EQ(log.count("RTT penalty"), 1u);
-
     s->signal["wlan0"] = -90;
     monitor.tick();
     EXPECT_EQ(monitor.penalties().at("wlan0"), 100);
@@ -98,17 +89,11 @@ TEST_F(MonitorTest, RssiQueriesWifiLinksWithKnownBssidAndLogsChangesOnly) {
     monitor.tick();
     EXPECT_EQ(monitor.penalties().at("wlan0"), 0);
     EXPECT_EQ(log.count("RTT penalty"), 3u);
-}
 
-TEST_F(MonitorTest, RssiNeverPassesAMalformedBssid) {
-    registerLinks({"wlan0"});
-    p.UpdateInterfaceBssid("GG:BB:CC:DD:EE:FF");
-    auto station = std::make_unique<ScriptedStation>();
-    ScriptedStation* s = station.get();
-    RssiStateMonitor monitor(&p, std::move(station), std::make_unique<RecordingSink>());
+    p.UpdateInterfaceBssid("GG:BB:CC:DD:EE:FF");  // malformed: never passed on
+    s->asked.clear();
     monitor.tick();
     EXPECT_TRUE(s->asked.empty());
-    EXPECT_EQ(monitor.penalties().at("wlan0"), 0);
 }
 
 TEST_F(MonitorTest, RssiWithoutNl80211LogsOnceAndStaysIdle) {
@@ -129,27 +114,20 @@ TEST_F(MonitorTest, RssiWithoutNl80211LogsOnceAndStaysIdle) {
     EXPECT_EQ(log.count("nl80211 is not available"), 1u);
 }
 
-// ---- TCP socket monitor ----
-
 struct Socket {
     inet_diag_msg msg;
     std::vector<uint8_t> info;  // exactly the delivered length
     bool withInfo = true;
 };
 
-Socket tcpSocket(uint32_t uid, const char* remote, uint16_t port, uint64_t acked,
-                 uint64_t received, uint32_t rttUs, size_t infoLen = sizeof(tcp_info)) {
+Socket tcpSocket(uint32_t uid, const char* remote, uint16_t port, uint64_t acked, uint64_t received,
+                 uint32_t rttUs, size_t infoLen = sizeof(tcp_info)) {
     Socket s{};
     s.msg.idiag_state = 1;  // established
     s.msg.idiag_uid = uid;
     s.msg.id.idiag_dport = htons(port);
-    if (strchr(remote, ':') != nullptr) {
-        s.msg.idiag_family = AF_INET6;
-        inet_pton(AF_INET6, remote, s.msg.id.idiag_dst);
-    } else {
-        s.msg.idiag_family = AF_INET;
-        inet_pton(AF_INET, remote, s.msg.id.idiag_dst);
-    }
+    s.msg.idiag_family = strchr(remote, ':') ? AF_INET6 : AF_INET;
+    inet_pton(s.msg.idiag_family, remote, s.msg.id.idiag_dst);
     tcp_info ti{};
     ti.tcpi_bytes_acked = acked;
     ti.tcpi_bytes_received = received;
@@ -161,12 +139,10 @@ Socket tcpSocket(uint32_t uid, const char* remote, uint16_t port, uint64_t acked
 
 void feed(vord::GameEndpointTally& tally, const std::vector<Socket>& sockets) {
     for (const Socket& s : sockets) {
-        // A heap block of exactly the delivered length: a read past it is a fault
-        // under AddressSanitizer.
+        // Exactly the delivered length on the heap: a read past it trips AddressSanitizer.
         std::unique_ptr<uint8_t[]> block(new uint8_t[s.info.size() + 1]);
         memcpy(block.get(), s.info.data(), s.info.size());
-        tally.add(&s.msg, s.withInfo ? block.get() : nullptr,
-                  s.withInfo ? static_cast<uint32_t>(s.info.size()) : 0);
+        tally.add(&s.msg, s.withInfo ? block.get() : nullptr, s.withInfo ? uint32_t(s.info.size()) : 0);
     }
 }
 
@@ -174,8 +150,7 @@ std::string endpointText(const vord::GameEndpoint& e) {
     char text[INET_ADDRSTRLEN];
     in_addr a{};
     a.s_addr = e.addr;
-    inet_ntop(AF_INET, &a, text, sizeof(text));
-    return std::string(text) + ":" + std::to_string(e.port);
+    return std::string(inet_ntop(AF_INET, &a, text, sizeof(text))) + ":" + std::to_string(e.port);
 }
 
 TEST(GameEndpointTally, BusiestGamingEndpointWins) {
@@ -204,9 +179,9 @@ TEST(GameEndpointTally, BusiestGamingEndpointWins) {
 
     vord::GameEndpointTally mapped({10123});
     Socket rttCut = tcpSocket(10123, "::ffff:203.0.113.8", 5000, 10, 10, 250000);
-    rttCut.info.resize(offsetof(tcp_info, tcpi_rtt));  // rtt not delivered...
+    rttCut.info.resize(offsetof(tcp_info, tcpi_rtt));  // rtt not delivered, nor the byte counters
     feed(mapped, {rttCut});
-    EXPECT_FALSE(mapped.busiest(&game));  // ...and neither are the byte counters
+    EXPECT_FALSE(mapped.busiest(&game));
     feed(mapped, {tcpSocket(10123, "::ffff:203.0.113.8", 5000, 10, 10, 250000)});
     ASSERT_TRUE(mapped.busiest(&game));
     EXPECT_EQ(endpointText(game), "203.0.113.8:5000");
@@ -216,25 +191,17 @@ TEST(GameEndpointTally, BusiestGamingEndpointWins) {
 struct ScriptedDump : vord::TcpInfoSource {
     std::vector<Socket> sockets;
     int result = 0;
-    int calls = 0;
     std::promise<void>* called = nullptr;
     int dump(const Reader& reader) override {
-        ++calls;
-        if (called != nullptr) {
-            called->set_value();
-            called = nullptr;
-        }
+        if (called != nullptr) std::exchange(called, nullptr)->set_value();
         if (result != 0) return result;
-        for (const Socket& s : sockets) {
-            reader(&s.msg, s.info.data(), static_cast<uint32_t>(s.info.size()));
-        }
+        for (const Socket& s : sockets) reader(&s.msg, s.info.data(), uint32_t(s.info.size()));
         return 0;
     }
 };
 
 TEST_F(MonitorTest, TcpMonitorTargetsTheGameServerAndActsOnHighRttOnce) {
-    p.setGamingUids("10123");
-    p.populateGamingUids();
+    gaming();
     auto source = std::make_unique<ScriptedDump>();
     ScriptedDump* d = source.get();
     d->sockets = {tcpSocket(10123, "203.0.113.5", 7000, 5000, 5000, 80000),
@@ -244,30 +211,25 @@ TEST_F(MonitorTest, TcpMonitorTargetsTheGameServerAndActsOnHighRttOnce) {
         ++highRttCalls;
         params->setServiceHighRtt(true);  // as enterServiceHighRtt does
     });
-
     vord::LogCapture log;
     monitor.tick();
     EXPECT_EQ(p.getRttServer(), "203.0.113.5");
     EXPECT_EQ(p.getRttServerPort(), 7000);
     EXPECT_EQ(log.count("probe target 203.0.113.5:7000"), 1u);
-    EXPECT_EQ(highRttCalls, 0);  // 80 ms is not above 120
-
     d->sockets[0] = tcpSocket(10123, "203.0.113.5", 7000, 6000, 6000, 120999);
-    monitor.tick();  // 120 ms: not above
+    monitor.tick();  // 120 ms: not above 120
     EXPECT_EQ(highRttCalls, 0);
     d->sockets[0] = tcpSocket(10123, "203.0.113.5", 7000, 7000, 7000, 121000);
     for (int i = 0; i < 3; ++i) monitor.tick();
     EXPECT_EQ(highRttCalls, 1);
     EXPECT_EQ(log.count("probe target"), 1u);  // unchanged target is not logged again
-
     p.setServiceHighRtt(false);  // cleared by a stop command
     monitor.tick();
     EXPECT_EQ(highRttCalls, 2);
 }
 
 TEST_F(MonitorTest, TcpMonitorWithoutGameTrafficOrDumpKeepsTheTarget) {
-    p.setGamingUids("10123");
-    p.populateGamingUids();
+    gaming();
     auto source = std::make_unique<ScriptedDump>();
     ScriptedDump* d = source.get();
     d->sockets = {tcpSocket(10999, "203.0.113.5", 7000, 5000, 5000, 300000)};
@@ -285,24 +247,21 @@ TEST_F(MonitorTest, TcpMonitorWithoutGameTrafficOrDumpKeepsTheTarget) {
 }
 
 TEST_F(MonitorTest, TcpMonitorPollsOnlyAfterResume) {
-    p.setGamingUids("10123");
-    p.populateGamingUids();
+    gaming();
     auto source = std::make_unique<ScriptedDump>();
-    ScriptedDump* d = source.get();
     std::promise<void> called;
-    d->called = &called;
+    source->called = &called;
     SlaTcpSocketMonitor monitor(&p, std::move(source), nullptr);
     monitor.start();
     EXPECT_FALSE(monitor.isPolling());
     monitor.resumePolling();
-    EXPECT_TRUE(monitor.isPolling());
     EXPECT_EQ(called.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
     monitor.stop();
     EXPECT_FALSE(monitor.isRunning());
 }
 
-// The daemon's source: a loopback connection of this process shows up with its
-// UID, its ports and a tcp_info that covers the byte counters.
+// The daemon's source sees a loopback connection of this process with its UID,
+// port and a tcp_info that covers the byte counters.
 TEST(SockDiagTcpInfoSource, DeliversOwnConnectionWithTcpInfo) {
     int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in addr{};
@@ -316,12 +275,8 @@ TEST(SockDiagTcpInfoSource, DeliversOwnConnectionWithTcpInfo) {
     ASSERT_EQ(connect(client, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
     int accepted = accept(server, nullptr, nullptr);
     ASSERT_GE(accepted, 0);
-    ASSERT_EQ(write(client, "ping", 4), 4);
-    char buf[4];
-    ASSERT_EQ(read(accepted, buf, 4), 4);
-
-    bool seen = false;
     uint32_t infoLen = 0;
+    bool seen = false;
     const int result = vord::makeSockDiagTcpInfoSource()->dump(
             [&](const inet_diag_msg* msg, const uint8_t* info, uint32_t n) {
                 if (msg->id.idiag_dport == addr.sin_port && msg->idiag_uid == getuid()) {
@@ -329,33 +284,20 @@ TEST(SockDiagTcpInfoSource, DeliversOwnConnectionWithTcpInfo) {
                     infoLen = info != nullptr ? n : 0;
                 }
             });
-    close(accepted);
-    close(client);
-    close(server);
+    for (int fd : {accepted, client, server}) close(fd);
     if (result != 0) GTEST_SKIP() << "no sock_diag for TCP here: " << strerror(-result);
     EXPECT_TRUE(seen);
     EXPECT_GE(infoLen, offsetof(tcp_info, tcpi_bytes_received) + sizeof(uint64_t));
 }
 
-// ---- dual Wi-Fi monitor ----
-
-TEST(DualWifiChoice, CandidatePerRound) {
-    struct Row {
-        int wlan0, wlan1, candidate;
+TEST(DualWifiChoice, CandidatePerRoundAndThreeRoundHysteresis) {
+    const int rows[][3] = {
+            {40, 60, 0},  {40, 81, 0},  // twice as slow but < 50 ms worse
+            {60, 120, 0}, {60, 130, 1}, {130, 60, 2}, {-1, 50, 2},
+            {50, -1, 1},  {-1, -1, 0},  {0, 49, 0}, {0, 50, 1},  // the margin is 50 ms
     };
-    const Row rows[] = {
-            {40, 60, 0},   {40, 81, 0},  // twice as slow but < 50 ms worse
-            {60, 120, 0},  {60, 110, 0},  // not more than twice
-            {60, 130, 1},  {130, 60, 2},  {-1, 50, 2},  {50, -1, 1},
-            {-1, -1, 0},   {0, 49, 0},  // 49 ms is below the margin
-    };
-    for (const Row& r : rows) {
-        EXPECT_EQ(vord::DualWifiChoice::candidate(r.wlan0, r.wlan1), r.candidate)
-                << r.wlan0 << " " << r.wlan1;
-    }
-}
+    for (const auto& r : rows) EXPECT_EQ(vord::DualWifiChoice::candidate(r[0], r[1]), r[2]) << r[0] << " " << r[1];
 
-TEST(DualWifiChoice, HoldsThreeRoundsToEnterAndToLeave) {
     vord::DualWifiChoice c;
     const std::pair<int, int> rounds[] = {
             {1, 0}, {1, 0}, {0, 0}, {1, 0}, {1, 0}, {1, 1},  // a broken run restarts the count
@@ -383,12 +325,15 @@ TEST_F(MonitorTest, DualWifiMonitorSetsTheSelectionStatusWithHysteresis) {
     auto prober = std::make_unique<ScriptedProber>();
     ScriptedProber* pr = prober.get();
     DoubleWifiMonitor monitor(&p, std::move(prober));
-    pr->rtt = {{"wlan0", 40}, {"wlan1", -1}};
+    EXPECT_FALSE(p.isDWMonitorStatus());
+    monitor.start();
+    EXPECT_TRUE(p.isDWMonitorStatus());
+    monitor.stop();
+    EXPECT_FALSE(p.isDWMonitorStatus());
 
+    pr->rtt = {{"wlan0", 40}, {"wlan1", -1}};
     monitor.tick();  // wlan1 not registered: nothing probed
     EXPECT_TRUE(pr->probed.empty());
-    EXPECT_EQ(p.getDoubleWifiSelectStatus(), 0);
-
     registerLinks({"wlan1"});
     p.setGamingRttServer("192.0.2.10");
     p.setRttServerPort(8443);
@@ -400,24 +345,15 @@ TEST_F(MonitorTest, DualWifiMonitorSetsTheSelectionStatusWithHysteresis) {
     EXPECT_EQ(pr->probed[0], "wlan0 192.0.2.10:8443");
     EXPECT_EQ(pr->probed[1], "wlan1 192.0.2.10:8443");
     EXPECT_EQ(log.count("dual Wi-Fi selection 1 (wlan0 only), was 0"), 1u);
-
     pr->rtt = {{"wlan0", 300}, {"wlan1", 40}};
     for (int i = 0; i < 3; ++i) monitor.tick();
     EXPECT_EQ(p.getDoubleWifiSelectStatus(), 2);
-
     p.UpdateInterface("wlan1", false);  // a link leaves: back to 0 at once
     monitor.tick();
     EXPECT_EQ(p.getDoubleWifiSelectStatus(), 0);
-}
-
-TEST_F(MonitorTest, DualWifiMonitorStatusFollowsItsLife) {
-    DoubleWifiMonitor monitor(&p, std::make_unique<ScriptedProber>());
-    EXPECT_FALSE(p.isDWMonitorStatus());
+    p.setDoubleWifiSelectStatus(2);
     monitor.start();
-    EXPECT_TRUE(p.isDWMonitorStatus());
-    p.setDoubleWifiSelectStatus(2);  // as a round would
-    monitor.stop();
-    EXPECT_FALSE(p.isDWMonitorStatus());
+    monitor.stop();  // a stop clears the status
     EXPECT_EQ(p.getDoubleWifiSelectStatus(), 0);
 }
 

@@ -151,6 +151,13 @@ Bytes Reply(uint16_t type, uint8_t command, uint32_t sequence, uint16_t flags = 
     return bytes;
 }
 
+// An NLMSG_ERROR answering `sequence` with `code`, where a reply's command would be.
+Bytes ErrorReply(uint32_t sequence, int32_t code) {
+    Bytes error = Reply(2, 0, sequence);
+    memcpy(error.data() + 16, &code, 4);
+    return error;
+}
+
 // A station reply whose NL80211_ATTR_STA_INFO holds `signal`.
 Bytes StationReply(uint32_t sequence, const BaseNL80211Attr& signal) {
     return Reply(kFamily, 19, sequence, 0, {BaseNL80211Attr(21, signal.GetConstData())});
@@ -161,14 +168,24 @@ Bytes StationReply(uint32_t sequence, const BaseNL80211Attr& signal) {
 class NetlinkUtilsTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        int fds[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, fds), 0);
-        kernel.reset(fds[1]);
-        utils.AdoptSocket(unique_fd(fds[0]));
+        pair();
         utils.OnNewFamily(std::make_unique<const NL80211Packet>(
             Reply(16, 1, 0, 0,
                   {NL80211Attr<uint16_t>(1, kFamily), NL80211Attr<std::string>(2, "nl80211")})));
         ASSERT_EQ(utils.GetFamilyId(), kFamily);
+    }
+    void pair() {
+        int fds[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, fds), 0);
+        kernel.reset(fds[1]);
+        utils.AdoptSocket(unique_fd(fds[0]));
+    }
+    // The next request the client sent, as the kernel reads it.
+    NL80211Packet asked(int flags = 0) {
+        Bytes buffer(8192);
+        const ssize_t n = recv(kernel.get(), buffer.data(), buffer.size(), flags);
+        buffer.resize(n > 0 ? n : 0);
+        return NL80211Packet(buffer);
     }
     void queue(const Bytes& datagram) {
         ASSERT_EQ(send(kernel.get(), datagram.data(), datagram.size(), 0),
@@ -195,12 +212,7 @@ TEST_F(NetlinkUtilsTest, StationSignal) {
 // reply reaches its request only when their sequence numbers match.
 TEST_F(NetlinkUtilsTest, ErrorReplyAndSequenceWrap) {
     utils.SetSequenceNumberForTesting(0xFFFFFFFE);
-    for (uint32_t sequence : {0xFFFFFFFFu, 1u}) {
-        Bytes error = Reply(2, 0, sequence);
-        const int32_t code = -19;
-        memcpy(error.data() + 16, &code, 4);
-        queue(error);
-    }
+    for (uint32_t sequence : {0xFFFFFFFFu, 1u}) queue(ErrorReply(sequence, -19));
     EXPECT_EQ(utils.GetStationInfo("ffffffffffff", "lo"), 0);
     EXPECT_EQ(utils.GetStationInfo("ffffffffffff", "lo"), 0);
     EXPECT_EQ(log.count("Wrong command in response to a get station request: 237"), 2u);
@@ -233,14 +245,10 @@ TEST_F(NetlinkUtilsTest, ConcurrentQueriesGetTheirOwnReplies) {
     constexpr int kQueries = 100;
     std::thread kernelThread([this] {
         for (int i = 0; i < 2 * kQueries; ++i) {
-            Bytes buffer(8192);
-            ssize_t n = recv(kernel.get(), buffer.data(), buffer.size(), 0);
-            buffer.resize(n > 0 ? n : 0);
-            NL80211Packet asked(buffer);
+            NL80211Packet request = asked();
             std::array<uint8_t, 6> mac{};
-            asked.GetAttributeValue(6, &mac);
-            const int8_t signal = -static_cast<int8_t>(mac[5]);
-            queue(StationReply(asked.GetMessageSequence(), NL80211Attr<int8_t>(7, signal)));
+            request.GetAttributeValue(6, &mac);
+            queue(StationReply(request.GetMessageSequence(), NL80211Attr<int8_t>(7, -int8_t(mac[5]))));
         }
     });
     std::atomic<int> wrong{0};
@@ -254,31 +262,20 @@ TEST_F(NetlinkUtilsTest, ConcurrentQueriesGetTheirOwnReplies) {
     EXPECT_EQ(wrong.load(), 0);
 }
 
-// Family discovery on a kernel without nl80211, played on a socketpair: the
-// controller answers the GETFAMILY request for "nl80211" with -ENOENT.
-TEST(NetlinkUtils, DiscoveryOnAKernelWithoutNl80211FailsCleanly) {
-    int fds[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, fds), 0);
-    unique_fd kernel(fds[1]);
-    NetlinkUtils utils;
-    utils.AdoptSocket(unique_fd(fds[0]));
-    Bytes error = Reply(2, 0, 1);  // the first request takes sequence number 1
-    const int32_t code = -2;
-    memcpy(error.data() + 16, &code, 4);
-    ASSERT_EQ(send(kernel.get(), error.data(), error.size(), 0),
-              static_cast<ssize_t>(error.size()));
+// Family discovery on a kernel without nl80211: the controller answers the
+// GETFAMILY request for "nl80211" with -ENOENT.
+class NetlinkDiscoveryTest : public NetlinkUtilsTest {
+    void SetUp() override { pair(); }
+};
 
-    vord::LogCapture log;
+TEST_F(NetlinkDiscoveryTest, OnAKernelWithoutNl80211FailsCleanly) {
+    queue(ErrorReply(1, -2));  // the first request takes sequence number 1
     EXPECT_FALSE(utils.DiscoverFamilyId());
     EXPECT_TRUE(log.contains("Failed to get NL80211 family id"))
         << ::testing::PrintToString(log.lines());
     EXPECT_EQ(utils.PendingRequestCountForTesting(), 0u);
 
-    Bytes asked(8192);
-    ssize_t n = recv(kernel.get(), asked.data(), asked.size(), MSG_DONTWAIT);
-    ASSERT_GT(n, 0);
-    asked.resize(n);
-    NL80211Packet request(asked);
+    NL80211Packet request = asked(MSG_DONTWAIT);
     EXPECT_EQ(request.GetMessageType(), 16);
     EXPECT_EQ(request.GetCommand(), 3);
     std::string family;

@@ -47,16 +47,6 @@ TEST_F(Registry, ParsesNineFieldsAndRefusesOtherCounts) {
               2u);
 }
 
-TEST_F(Registry, RefusesNamesThatAreNotInterfaceNames) {
-    vord::LogCapture log;
-    for (const char* name : {"wlan0 -j DROP", "wlan0;reboot", "a/b", "averyverylongname", "-o"}) {
-        p.UpdateInterface(name, true);
-        EXPECT_STREQ(lookup(name).name, "") << name;
-    }
-    EXPECT_EQ(log.count("UpdateInterface refused interface"), 5u);
-    for (const interfaceMark& slot : p.markSlots()) EXPECT_TRUE(slot.available);
-}
-
 TEST_F(Registry, MarkSlotsAreReusedAndAFifthInterfaceSharesTheFirst) {
     const std::pair<const char*, const char*> sequence[] = {
         {"wlan0", "0x200000"}, {"wlan0", "0x200000"},  {"rmnet_data0", "0x400000"},

@@ -12,9 +12,9 @@
 
 namespace {
 
-const char* const kWlan0 = "wlan0,0,wlan0,0x200000,1,0,0,0,ffffffffffff";
-const char* const kWlan1 = "wlan1,0,wlan1,0x400000,0,0,0,1,ffffffffffff";
-const char* const kRmnet = "rmnet_data0,1,rmnet_data0,0x600000,0,0,0,0,ffffffffffff";
+using unittest::kRmnet;
+using unittest::kWlan0;
+using unittest::kWlan1;
 
 TEST_F(RulesTest, AddingWlan0IssuesItsCommandsInOrder) {
     addRecord(kWlan0);

@@ -1,7 +1,9 @@
-// The configuration lines, the block mapping and the VoIP state file.
+// The configuration lines, the block mapping (a block cut short while mapped is
+// skipped, never read) and the VoIP state file.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <vord/LogCapture.h>
 
@@ -79,6 +81,36 @@ TEST_F(SlaChannelTest, VoipTrackingLinesAndPeerState) {
         EXPECT_STREQ(c.port, port) << c.text;
     }
     unlink(voip.c_str());
+}
+
+TEST_F(SlaChannelTest, ShrunkenBlockIsSkippedWithOneLineAndReadAgainWhenWhole) {
+    sla::StatsBlock* block = link("wlan0", false);
+    const std::vector<Rec> recs = steadyRecords();
+    writeRecords(block, recs);
+    ASSERT_TRUE(impl->initMmap());
+    impl->setRatioApplier([](std::map<std::string, linkStatsWrapper_t*>&) { return 0; });
+    const std::string path = vord::resolvePath("/proc/sla/wlan0_mmap");
+    auto estimate = [&] {
+        std::lock_guard<std::mutex> lock(g_slaMapMutex);
+        linkStatsWrapper_t* w = wrapper("wlan0");
+        return w->stats->linkRateEstimate(&w->packCount, w->ifname);
+    };
+    EXPECT_EQ(1000u, estimate());  // 12800 bytes per 100 ms
+
+    vord::LogCapture log;
+    for (off_t size : {off_t(0), off_t(4096), off_t(sla::kStatsBlockSize - 1)}) {
+        ASSERT_EQ(0, truncate(path.c_str(), size));
+        EXPECT_EQ(0u, estimate()) << size;  // would have faulted reading the mapping
+        impl->evalAndSetSLAInterfaceRatio();
+    }
+    EXPECT_EQ(1u, log.count("E/MUX-Vord-SlaStatsData: WLAN: statistics block of wlan0 holds 0 of "
+                            "20480 bytes; skipped until it is whole"))
+        << ::testing::PrintToString(log.lines());
+
+    ASSERT_EQ(0, truncate(path.c_str(), sla::kStatsBlockSize));
+    writeRecords(block, recs);  // the writable test mapping covers the file again
+    EXPECT_EQ(1000u, estimate());
+    EXPECT_TRUE(log.contains("I/MUX-Vord-SlaStatsData: WLAN: statistics block of wlan0 is whole again"));
 }
 
 }  // namespace

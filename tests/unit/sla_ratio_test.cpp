@@ -70,9 +70,7 @@ using SlaEvaluationTest = SlaFixture;
 
 TEST_F(SlaEvaluationTest, InterfaceCommandsWhileTheLoopEvaluates) {
     impl->setRatioApplier([](std::map<std::string, linkStatsWrapper_t*>&) { return 0; });
-    // Five 100 ms intervals of 1000 kbit/s for each Wi-Fi link.
-    const std::vector<Rec> recs{{510, 0, S},      {410, 12800, I}, {310, 12800, I},
-                                {210, 12800, I}, {110, 12800, I}, {10, 12800, I}};
+    const std::vector<Rec> recs = steadyRecords();
     writeRecords(link("wlan0", false), recs);
     writeRecords(blockFile("wlan1"), recs);
     link("rmnet_data0", true);
@@ -97,8 +95,7 @@ TEST_F(SlaEvaluationTest, InterfaceCommandsWhileTheLoopEvaluates) {
 TEST_F(SlaEvaluationTest, ADualWifiStatusChangeAloneRewritesTheRules) {
     int applied = 0;
     impl->setRatioApplier([&](std::map<std::string, linkStatsWrapper_t*>&) { return ++applied, 0; });
-    const std::vector<Rec> recs{{510, 0, S},      {410, 12800, I}, {310, 12800, I},
-                                {210, 12800, I}, {110, 12800, I}, {10, 12800, I}};
+    const std::vector<Rec> recs = steadyRecords();
     writeRecords(link("wlan0", false), recs);
     writeRecords(link("wlan1", false), recs);
     ASSERT_TRUE(impl->enableSLA(true));

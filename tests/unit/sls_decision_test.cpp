@@ -2,6 +2,8 @@
 // game-mode check and the VoIP probe target.
 #include "SlsTestSupport.h"
 
+#include "monitors/MonitorAdapters.h"
+
 #include <string>
 
 namespace {
@@ -16,6 +18,9 @@ std::string fastest(SmartLinkSelection* engine) {
 }
 
 TEST_F(SlsTest, RankingAndTieRules) {
+    engine->calcInterface();  // an empty map changes nothing
+    EXPECT_TRUE(log->contains("E/MUX-Vord-SlaPing: calcInterface SLA_RTT Fastest Interface returned NULL"));
+    EXPECT_TRUE(switches.empty());
     for (const char* record : {slstest::kWlan0, slstest::kWlan1, slstest::kRmnet}) registerInterface(record);
     params->setGamingUids("10123,10456");
     params->populateGamingUids();
@@ -90,12 +95,6 @@ TEST_F(SlsTest, TwoSwitchesPerWindowWithNHystTwo) {
     EXPECT_EQ(1u, log->count("switch not allowed"));
 }
 
-TEST_F(SlsTest, EmptyMapChangesNothing) {
-    engine->calcInterface();
-    EXPECT_TRUE(log->contains("E/MUX-Vord-SlaPing: calcInterface SLA_RTT Fastest Interface returned NULL"));
-    EXPECT_TRUE(switches.empty());
-}
-
 TEST_F(SlsTest, VoipPeerBecomesTheProbeTargetOnlyWhileTheServerIsTheDefault) {
     vord::test::TempRoot::writeAt(vord::resolvePath("/proc/sla/sla_voip_state"), "16777343,20480");
     engine->setVoipIpAddressAndPort();  // no call
@@ -167,6 +166,21 @@ TEST_F(SlsTest, SnapshotShowsTheStateWithoutWaiting) {
         EXPECT_EQ("wlan0", published.current);
         EXPECT_EQ(42, published.links.at(0).speed);
     }
+}
+
+// The RSSI monitor's penalty sink against the real engine.
+TEST_F(SlsTest, PenaltySinkWritesOnlyExistingRecordsAndNothingWithoutTheEngine) {
+    InterfaceRtt* wlan7 = addLink("wlan7", 0);
+    auto sink = vord::makeSelectionPenaltySink();
+    EXPECT_EQ(sink->write({{"wlan7", 30}, {"wlan9", 60}}), 1);
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        EXPECT_EQ(wlan7->rssiPenaltyMs, 30);
+        EXPECT_EQ(engine->slsInterfaceMap().count("wlan9"), 0u);  // no record made up
+    }
+    SmartLinkSelection::finalize();
+    EXPECT_EQ(sink->write({{"wlan7", 60}}), -1);
+    EXPECT_FALSE(SmartLinkSelection::isInstance());  // not created by the write
 }
 
 }  // namespace

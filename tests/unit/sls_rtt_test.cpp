@@ -106,14 +106,6 @@ TEST_F(InterfaceRttTest, FiveMissesFailTheLinkAndOneSampleBringsItBack) {
     EXPECT_EQ(7, r->level);
 }
 
-TEST_F(InterfaceRttTest, MissesOnAnEmptyHistoryCountAs500) {
-    auto r = make("rmnet_data0");
-    r->setSpeed(-1);
-    EXPECT_EQ(500, r->speed);
-    EXPECT_EQ((Hist{500}), r->m_longpreviousSpeed);
-    EXPECT_EQ(2, r->level);
-}
-
 TEST_F(InterfaceRttTest, RawRecordsAlphaExtremesAndHistoryLengths) {
     auto raw = make("wlan0", 1);
     raw->setSpeed(70);
@@ -122,6 +114,11 @@ TEST_F(InterfaceRttTest, RawRecordsAlphaExtremesAndHistoryLengths) {
     EXPECT_EQ(0, raw->level);
     EXPECT_TRUE(raw->m_longpreviousSpeed.empty());
     EXPECT_EQ(2u, log.count("SLA_PING Ping RTT interface (wlan0) num ping rtt = (0) "));
+    auto empty = make("rmnet_data0");  // a miss on an empty history counts as 500
+    empty->setSpeed(-1);
+    EXPECT_EQ(500, empty->speed);
+    EXPECT_EQ((Hist{500}), empty->m_longpreviousSpeed);
+    EXPECT_EQ(2, empty->level);
 
     struct Case { const char* alpha; int speed; };
     for (const Case& c : {Case{"100", 25}, Case{"0", 30}, Case{"50", 27}}) {
@@ -142,10 +139,6 @@ TEST_F(InterfaceRttTest, NamesOverFourteenCharactersAreRefused) {
     std::unique_ptr<InterfaceRtt> ok(InterfaceRtt::create("rmnet_data0123", 5, false));
     ASSERT_NE(nullptr, ok);
     EXPECT_STREQ("rmnet_data0123", ok->ifname);
-    EXPECT_EQ(0, ok->level);
-    EXPECT_TRUE(ok->alive);
-    EXPECT_FALSE(ok->running);
-    EXPECT_EQ(InterfaceRtt::noThread(), ok->thread);
     EXPECT_EQ(nullptr, InterfaceRtt::create("rmnet_data01234", 5, false));
     EXPECT_EQ(nullptr, InterfaceRtt::create("", 5, false));
     EXPECT_TRUE(log.contains("E/MUX-Vord-SlaPing: InterfaceRtt interface name \"rmnet_data01234\" is empty or longer than 14"));

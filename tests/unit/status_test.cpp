@@ -28,23 +28,19 @@ Snapshot sample() {
     s.updatedMonoMs = 12345678;
     s.updatedWallMs = 1763859840123;
     LinkStatus wlan;
-    wlan.name = "wlan0";
+    wlan.name = wlan.table = "wlan0";
     wlan.mark = "0x200000";
-    wlan.table = "wlan0";
-    wlan.aggregated = true;
+    wlan.aggregated = wlan.probed = true;
     wlan.rateKbps = 1200;
     wlan.share = 0.75f;
-    wlan.probed = true;
     wlan.rttMs = -1;
     wlan.level = 1;
     wlan.misses = 3;
     wlan.rssiPenaltyMs = 40;
     LinkStatus vlan;  // a name with a dot, neither aggregated nor probed
-    vlan.name = "eth0.100";
+    vlan.name = vlan.table = "eth0.100";
     vlan.mark = "0x400000";
-    vlan.table = "eth0.100";
-    vlan.metered = true;
-    vlan.slave = true;
+    vlan.metered = vlan.slave = true;
     s.links = {wlan, vlan};
     s.mode = "gaming+voice-call";
     s.engine = true;
@@ -53,16 +49,15 @@ Snapshot sample() {
     s.probeServer = "1.1.1.1";
     s.probePort = 443;
     s.slaWhitelist = 2;
-    s.gateways = 1;
-    s.dwSelect = 1;
+    s.gateways = s.dwSelect = 1;
     s.controlServed = 7;
     s.ruleCommandsRun = 1u << 31;
     s.linkSwitches = 5;
     return s;
 }
 
-TEST(StatusTextTest, RoundTripKeepsEveryField) {
-    const Snapshot s = sample();
+TEST(StatusTextTest, RoundTripKeepsEveryFieldAndEveryValueOnItsLine) {
+    Snapshot s = sample();
     const std::string text = format(s);
     Snapshot back;
     std::string error;
@@ -73,6 +68,12 @@ TEST(StatusTextTest, RoundTripKeepsEveryField) {
     EXPECT_EQ(text, format(back));
     EXPECT_NE(text.find("link.eth0.100.table=eth0.100\n"), std::string::npos) << text;
     EXPECT_EQ(text.find("link.eth0.100.rate_kbps"), std::string::npos) << text;
+    s.probeServer = "1.1.1.1\r\nend=1";  // control characters
+    ASSERT_TRUE(parse(format(s), &back, &error)) << error;
+    EXPECT_EQ("1.1.1.1??end=1", back.probeServer);
+    const std::pair<int, bool> modes[] = {{0, false}, {1, false}, {2, false}, {0, true}, {2, true}};
+    const char* names[] = {"off", "gaming", "game-mode", "voice-call", "game-mode+voice-call"};
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(names[i], selectionMode(modes[i].first, modes[i].second));
 }
 
 TEST(StatusTextTest, OnlyCompleteSnapshotsParse) {
@@ -114,23 +115,6 @@ TEST(StatusTextTest, OnlyCompleteSnapshotsParse) {
     EXPECT_TRUE(parse(edited("end=1\n", "selection.future=x\nend=1\n"), &out, &error)) << error;
     EXPECT_TRUE(parse(edited("link.wlan0.slave=0\n", "link.wlan0.slave=0\nlink.wlan0.future=1\n"), &out, &error))
         << error;
-}
-
-TEST(StatusTextTest, ControlCharactersInValuesStayOnTheirLine) {
-    Snapshot s = sample();
-    s.probeServer = "1.1.1.1\r\nend=1";
-    Snapshot back;
-    std::string error;
-    ASSERT_TRUE(parse(format(s), &back, &error)) << error;
-    EXPECT_EQ("1.1.1.1??end=1", back.probeServer);
-}
-
-TEST(StatusTextTest, SelectionModeNamesTheActiveModes) {
-    EXPECT_EQ("off", selectionMode(0, false));
-    EXPECT_EQ("gaming", selectionMode(1, false));
-    EXPECT_EQ("game-mode", selectionMode(2, false));
-    EXPECT_EQ("voice-call", selectionMode(0, true));
-    EXPECT_EQ("game-mode+voice-call", selectionMode(2, true));
 }
 
 TEST(StatusWriterTest, WritesOnChangeAndOnHeartbeatOnly) {
