@@ -19,16 +19,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-template <typename Pred>
-bool waitFor(Pred pred, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(100ms);
-    }
-    return true;
-}
-
 class MonitorsE2E : public ::testing::Test {
   protected:
     void SetUp() override {

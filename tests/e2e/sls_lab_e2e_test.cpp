@@ -40,16 +40,6 @@ std::vector<int> probeResults(const std::string& log, const std::string& link) {
     return out;
 }
 
-template <typename Pred>
-bool waitFor(Pred pred, std::chrono::milliseconds timeout) {
-    const auto deadline = SteadyClock::now() + timeout;
-    while (!pred()) {
-        if (SteadyClock::now() > deadline) return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
-}
-
 class SlsLabE2E : public ::testing::Test {
   protected:
     void SetUp() override {

@@ -1,38 +1,13 @@
 // The monitors in the real daemon: started and stopped by their commands many
 // times with every feature without leaving a thread behind, and stopped at
 // shutdown.
-#include <dirent.h>
 #include <net/if.h>
-
-#include <thread>
 
 #include "DaemonTest.h"
 
 namespace vord {
 namespace test {
 namespace {
-
-// Threads of process `pid`.
-int threadCount(pid_t pid) {
-    DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/task").c_str());
-    if (dir == nullptr) return -1;
-    int n = 0;
-    while (dirent* e = readdir(dir)) {
-        if (e->d_name[0] != '.') ++n;
-    }
-    closedir(dir);
-    return n;
-}
-
-template <typename Pred>
-bool waitFor(Pred pred, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
 
 class MonitorsTest : public DaemonTest {
   protected:

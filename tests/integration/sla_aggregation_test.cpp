@@ -20,16 +20,6 @@ namespace {
 
 using std::chrono::seconds;
 
-template <typename Pred>
-bool waitFor(Pred pred, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return true;
-}
-
 // What follows each occurrence of `key` in `text`, in order; points into `text`.
 std::vector<const char*> after(const std::string& text, const char* key) {
     std::vector<const char*> out;

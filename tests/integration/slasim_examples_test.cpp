@@ -29,16 +29,6 @@ const Example kExamples[] = {
     {"sla_stats_sim wlan0=8mbit rmnet_data0=4mbit", 1.0, {8192, 4096}},
 };
 
-template <typename Pred>
-bool waitFor(Pred pred, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return true;
-}
-
 // The numbers that follow each occurrence of `key` in `text`.
 std::vector<double> numbersAfter(const std::string& text, const std::string& key) {
     std::vector<double> out;

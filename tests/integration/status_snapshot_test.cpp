@@ -23,16 +23,6 @@ using status::Snapshot;
 
 constexpr const char* kSnapshot = "/data/vendor/vord/status";
 
-template <typename Pred>
-bool waitFor(Pred pred, milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(milliseconds(50));
-    }
-    return true;
-}
-
 const LinkStatus* findLink(const Snapshot& s, const std::string& name) {
     for (const LinkStatus& l : s.links) {
         if (l.name == name) return &l;
@@ -68,11 +58,6 @@ class StatusSnapshotTest : public DaemonTest {
     bool waitSnapshot(Pred pred, milliseconds timeout = seconds(15)) {
         return waitFor([&] { return status::parse(root.readFile(kSnapshot), &last, nullptr) && pred(last); },
                        timeout);
-    }
-
-    // Runs `vordctl status ARGS` on the sandbox; the exit status, output in `out`.
-    int vordctlStatus(const std::string& args, std::string* out) {
-        return shell("VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " status " + args, out);
     }
 
     Snapshot last;
@@ -204,12 +189,12 @@ TEST_F(StatusSnapshotTest, ReaderNeverSeesAPartialFile) {
 
 TEST_F(StatusSnapshotTest, VordctlReportsMissingMalformedStuckGoneAndStopped) {
     std::string out;
-    EXPECT_EQ(1, vordctlStatus("", &out));
+    EXPECT_EQ(1, vordctl(root, "status", &out));
     EXPECT_NE(out.find("no status snapshot at " + root.at(kSnapshot) + " (is vord running?)"), std::string::npos)
         << out;
 
     root.writeFile(kSnapshot, "version=1\npid=1\n");
-    EXPECT_EQ(1, vordctlStatus("", &out));
+    EXPECT_EQ(1, vordctl(root, "status", &out));
     EXPECT_NE(out.find("is malformed: no end line"), std::string::npos) << out;
 
     // A live process whose snapshot was last written five seconds ago.
@@ -220,7 +205,7 @@ TEST_F(StatusSnapshotTest, VordctlReportsMissingMalformedStuckGoneAndStopped) {
     s.periodMs = 1000;
     s.updatedMonoMs = now.tv_sec * 1000 + now.tv_nsec / 1000000 - 5000;
     root.writeFile(kSnapshot, status::format(s));
-    EXPECT_EQ(3, vordctlStatus("", &out));
+    EXPECT_EQ(3, vordctl(root, "status", &out));
     EXPECT_NE(out.find("older than three loop periods"), std::string::npos) << out;
     EXPECT_NE(out.find("LINK"), std::string::npos) << "the table is still shown: " << out;
 
@@ -229,16 +214,16 @@ TEST_F(StatusSnapshotTest, VordctlReportsMissingMalformedStuckGoneAndStopped) {
     waitpid(child, nullptr, 0);
     s.pid = child;
     root.writeFile(kSnapshot, status::format(s));
-    EXPECT_EQ(3, vordctlStatus("--json", &out));
+    EXPECT_EQ(3, vordctl(root, "status --json", &out));
     EXPECT_NE(out.find("is not running"), std::string::npos) << out;
     EXPECT_NE(out.find("\"live\":false"), std::string::npos) << out;
 
     // The real daemon: current while it runs, also under --watch; stopped after.
     ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=1000\n"));
     ASSERT_TRUE(waitSnapshot([&](const Snapshot& x) { return x.pid != child; }));
-    EXPECT_EQ(0, vordctlStatus("", &out)) << out;
+    EXPECT_EQ(0, vordctl(root, "status", &out)) << out;
     EXPECT_NE(out.find("loop period 1000 ms"), std::string::npos) << out;
-    EXPECT_EQ(0, vordctlStatus("--json", &out)) << out;
+    EXPECT_EQ(0, vordctl(root, "status --json", &out)) << out;
     EXPECT_NE(out.find("\"state\":\"running\""), std::string::npos) << out;
 
     const std::string watchOut = root.at("/watch.out");
@@ -263,7 +248,7 @@ TEST_F(StatusSnapshotTest, VordctlReportsMissingMalformedStuckGoneAndStopped) {
     EXPECT_TRUE(WIFEXITED(ws) && WEXITSTATUS(ws) == 0) << ws;
 
     ASSERT_TRUE(daemon.stopThroughProperty());
-    EXPECT_EQ(3, vordctlStatus("", &out));
+    EXPECT_EQ(3, vordctl(root, "status", &out));
     EXPECT_NE(out.find("has stopped"), std::string::npos) << out;
 }
 

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TempRoot.h"
@@ -17,6 +18,21 @@ std::string binPath(const std::string& program);
 // Runs `cmd` through the shell; returns its exit status. Its stdout and stderr
 // together go to `output`, when given.
 int shell(const std::string& cmd, std::string* output = nullptr);
+// Runs `vordctl ARGS` with VORD_ROOT set to `root`; as shell().
+int vordctl(const TempRoot& root, const std::string& args, std::string* output = nullptr);
+// Threads of process `pid`; -1 when it is gone.
+int threadCount(pid_t pid);
+
+// Polls `pred` every 20 ms until it holds or `timeout` has passed.
+template <typename Pred>
+bool waitFor(Pred pred, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
 
 class DaemonProcess {
   public:
