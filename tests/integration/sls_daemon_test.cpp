@@ -2,6 +2,7 @@
 // interface names do not exist on this host, so every probe fails at binding,
 // before any packet.
 #include "DaemonTest.h"
+#include "status/StatusText.h"
 
 namespace vord {
 namespace test {
@@ -42,10 +43,22 @@ class SlsDaemonTest : public DaemonTest {
     }
     int idleThreads = 0;
     size_t seen = 0;
+    status::Snapshot last;
+    // Waits until the status snapshot parses and satisfies `pred`; `last` keeps the newest.
+    template <typename Pred>
+    bool waitSnapshot(Pred pred) {
+        return waitFor([&] {
+            return status::parse(root.readFile("/data/vendor/vord/status"), &last, nullptr) && pred(last);
+        });
+    }
 };
 
 TEST_F(SlsDaemonTest, StartSelectsAndStopRemovesTheChainsAndEveryProbeThread) {
     newCommands();
+    ASSERT_TRUE(waitSnapshot([](const status::Snapshot& s) { return s.links.size() == 2; }))
+        << status::format(last);
+    EXPECT_EQ("off", last.mode);
+    for (const status::LinkStatus& l : last.links) EXPECT_FALSE(l.probed) << l.name;
     ASSERT_TRUE(client.send(9, "10123,10456"));
     // Both links fail their probes; at level 1 the tie goes to the last one in key
     // order, nothing being selected yet.
@@ -61,12 +74,23 @@ TEST_F(SlsDaemonTest, StartSelectsAndStopRemovesTheChainsAndEveryProbeThread) {
           "-w -t mangle -A vexo_SLS -j vexo_sls_uid_"}) {
         EXPECT_NE(std::string::npos, cmds.find(expected)) << expected << "\n" << cmds;
     }
+    // Every probe fails at binding: both links count misses and sit at level 1.
+    EXPECT_TRUE(waitSnapshot([](const status::Snapshot& s) {
+        if (s.mode != "gaming" || !s.engine || s.gamingUids != 2 || s.links.size() != 2) return false;
+        for (const status::LinkStatus& l : s.links) {
+            if (!l.probed || l.rttMs != -1 || l.level != 1 || l.misses < 1) return false;
+        }
+        return true;
+    })) << status::format(last);
 
     ASSERT_TRUE(client.send(10, ""));
     EXPECT_TRUE(waitThreads(idleThreads)) << threadCount(daemon.pid());
     for (int i = 0; i < 100 && root.recordedCommands().find("-X vexo_sls_uid_rmnet_data9") == std::string::npos; ++i) {
         std::this_thread::sleep_for(50ms);
     }
+    EXPECT_TRUE(waitSnapshot([](const status::Snapshot& s) {
+        return s.mode == "off" && s.links.size() == 2 && !s.links[0].probed && !s.links[1].probed;
+    })) << status::format(last);
     cmds = newCommands();
     for (const char* expected : {"-w -t mangle -X vexo_sls_uid_wlan7", "-w -t mangle -X vexo_sls_rmnet_data9"}) {
         EXPECT_NE(std::string::npos, cmds.find(expected)) << expected << "\n" << cmds;

@@ -118,35 +118,6 @@ TEST_F(StatusSnapshotTest, FollowsInterfacesWhitelistRatesAndShutdown) {
     EXPECT_FALSE(last.links[0].aggregated);  // aggregation is released at shutdown
 }
 
-// Link selection on links that do not exist on this host: every probe fails at
-// binding, before any packet, so both links count misses and sit at level 1.
-TEST_F(StatusSnapshotTest, FollowsSelectionStartAndStop) {
-    root.installRecordingTool("iptables-wrapper-1.0");
-    root.installRecordingTool("ip-wrapper-1.0");
-    root.writeFile("/proc/sla/config", "");
-    ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=100\nping_interval_ms=50\nt_hyst_s=0\nmin_ping_times=2\n"));
-    ASSERT_TRUE(client.connect(seconds(10)));
-    ASSERT_TRUE(client.send(1, "wlan7,rmnet_data9"));
-    ASSERT_TRUE(waitSnapshot([](const Snapshot& s) { return s.links.size() == 2; })) << status::format(last);
-    EXPECT_EQ("off", last.mode);
-    for (const LinkStatus& l : last.links) EXPECT_FALSE(l.probed) << l.name;
-
-    ASSERT_TRUE(client.send(9, "10123"));
-    EXPECT_TRUE(waitSnapshot([](const Snapshot& s) {
-        if (s.mode != "gaming" || !s.engine || s.gamingUids != 1 || s.links.size() != 2) return false;
-        for (const LinkStatus& l : s.links) {
-            if (!l.probed || l.rttMs != -1 || l.level != 1 || l.misses < 1) return false;
-        }
-        return true;
-    })) << status::format(last) << daemon.log().substr(0, 4000);
-
-    ASSERT_TRUE(client.send(10, ""));
-    EXPECT_TRUE(waitSnapshot([](const Snapshot& s) {
-        return s.mode == "off" && !s.links.empty() && !s.links[0].probed && !s.links[1].probed;
-    })) << status::format(last);
-    EXPECT_TRUE(daemon.stopThroughProperty());
-}
-
 // The daemon rewrites the file about as fast as its loop runs (a 1 ms period)
 // while the content keeps changing; a reader must only ever see whole snapshots.
 // The reader pauses 50 us between reads, so that the test does not starve tests
