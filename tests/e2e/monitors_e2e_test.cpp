@@ -30,7 +30,7 @@ class MonitorsE2E : public ::testing::Test {
         lab->installTools(root);
     }
     void TearDown() override {
-        if (simPid > 0 && ::kill(simPid, SIGTERM) == 0) waitpid(simPid, nullptr, 0);
+        sim.reset();
         daemon.reset();
         lab.reset();
     }
@@ -42,21 +42,6 @@ class MonitorsE2E : public ::testing::Test {
         daemon->start();
         ASSERT_TRUE(daemon->waitUntilServing(20s)) << daemon->log();
         ASSERT_TRUE(client.connect(10s));
-    }
-
-    void startSimulator(const std::string& rates) {
-        root.writeFile("/sim/rates", rates);
-        const std::string bin = binPath("sla_stats_sim"), dir = root.path();
-        const std::string ratesFile = root.at("/sim/rates"), out = root.at("/sim/out.log");
-        simPid = fork();
-        if (simPid == 0) {
-            const int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            dup2(fd, STDOUT_FILENO);
-            dup2(fd, STDERR_FILENO);
-            execl(bin.c_str(), bin.c_str(), "--root", dir.c_str(), "--rates-file",
-                  ratesFile.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
     }
 
     // "wlan0=P wlan1=P" of the "vexo_SLA" cascade in the kernel, in rule order.
@@ -81,7 +66,7 @@ class MonitorsE2E : public ::testing::Test {
     std::unique_ptr<LinkLab> lab;
     std::unique_ptr<DaemonProcess> daemon;
     ControlClient client{root};
-    pid_t simPid = -1;
+    std::unique_ptr<Spawned> sim;
 };
 
 TEST_F(MonitorsE2E, GameTrafficMakesItsServerTheProbeTarget) {
@@ -107,7 +92,7 @@ TEST_F(MonitorsE2E, GameTrafficMakesItsServerTheProbeTarget) {
 }
 
 TEST_F(MonitorsE2E, DualWifiMonitorMovesTheCascadeOffACutLinkAndBack) {
-    startSimulator("wlan0=800kbit\nwlan1=800kbit\n");
+    sim = startSimulator(root, "wlan0=800kbit\nwlan1=800kbit\n");
     ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=200\nideal_est_window=1000\n"));
     ASSERT_TRUE(client.send(1, "wlan0,wlan1"));
     ASSERT_TRUE(waitFor([&] { return cascade() == "wlan0=0.50 wlan1=1.00"; }, 20s))

@@ -61,7 +61,7 @@ class SlsLabE2E : public ::testing::Test {
     }
     void vordctl(const std::string& args) {
         std::string out;
-        ASSERT_EQ(0, shell("VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " " + args, &out)) << out;
+        ASSERT_EQ(0, test::vordctl(root, args, &out)) << out;
     }
     std::string mangle() const { return lab->exec("iptables-save -t mangle"); }
     // The daemon's status snapshot; false while there is none (or it is partial).

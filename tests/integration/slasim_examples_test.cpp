@@ -83,10 +83,7 @@ TEST(SlaStatsSimHelp, IntervalFitsTheDaemonsEstimatorOrIsRefused) {
 
 class SlaStatsSimExample : public DaemonTest, public ::testing::WithParamInterface<size_t> {
   protected:
-    void TearDown() override {
-        if (simPid > 0 && ::kill(simPid, SIGTERM) == 0) waitpid(simPid, nullptr, 0);
-    }
-    pid_t simPid = -1;
+    std::unique_ptr<Spawned> sim;
 };
 
 TEST_P(SlaStatsSimExample, DaemonReadsTheRatesAndSpreadsConnections) {
@@ -98,21 +95,8 @@ TEST_P(SlaStatsSimExample, DaemonReadsTheRatesAndSpreadsConnections) {
     std::vector<std::string> words;
     std::istringstream split(example.line);
     for (std::string w; split >> w;) words.push_back(w);
-    const std::string bin = binPath(words[0]), out = root.at("/sim.log");
-    simPid = fork();
-    if (simPid == 0) {
-        int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        dup2(fd, STDOUT_FILENO);
-        dup2(fd, STDERR_FILENO);
-        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-        setenv("VORD_ROOT", root.path().c_str(), 1);
-        std::vector<char*> argv{const_cast<char*>(bin.c_str())};
-        for (size_t i = 1; i < words.size(); ++i)
-            argv.push_back(const_cast<char*>(words[i].c_str()));
-        argv.push_back(nullptr);
-        execv(bin.c_str(), argv.data());
-        _exit(127);
-    }
+    words[0] = binPath(words[0]);
+    sim = std::make_unique<Spawned>(words, root.at("/sim.log"), root.path());
     auto simLog = [&] { return root.readFile("/sim.log"); };
     ASSERT_TRUE(waitFor([&] { return simLog().find("config channel") != std::string::npos; },
                         std::chrono::seconds(10)))

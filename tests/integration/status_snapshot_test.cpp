@@ -32,26 +32,6 @@ const LinkStatus* findLink(const Snapshot& s, const std::string& name) {
 
 class StatusSnapshotTest : public DaemonTest {
   protected:
-    void TearDown() override {
-        if (simPid > 0 && ::kill(simPid, SIGTERM) == 0) waitpid(simPid, nullptr, 0);
-    }
-
-    void startSimulator() {
-        std::string bin = binPath("sla_stats_sim"), dir = root.path(), rates = root.at("/sim/rates");
-        std::string log = root.at("/sim/out.log");
-        simPid = fork();
-        if (simPid == 0) {
-            int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            dup2(fd, STDOUT_FILENO);
-            dup2(fd, STDERR_FILENO);
-            execl(bin.c_str(), bin.c_str(), "--root", dir.c_str(), "--rates-file", rates.c_str(),
-                  static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        ASSERT_TRUE(waitFor([&] { return root.readFile("/sim/out.log").find("config channel") != std::string::npos; },
-                            seconds(10)));
-    }
-
     // Waits until the snapshot on disk parses and satisfies `pred`; `last` keeps
     // the newest one read.
     template <typename Pred>
@@ -61,14 +41,13 @@ class StatusSnapshotTest : public DaemonTest {
     }
 
     Snapshot last;
-    pid_t simPid = -1;
+    std::unique_ptr<Spawned> sim;
 };
 
 TEST_F(StatusSnapshotTest, FollowsInterfacesWhitelistRatesAndShutdown) {
     root.installRecordingTool("iptables-wrapper-1.0");
     root.installRecordingTool("ip-wrapper-1.0");
-    root.writeFile("/sim/rates", "wlan0=1200kbit\nrmnet_data0=600kbit\n");
-    ASSERT_NO_FATAL_FAILURE(startSimulator());
+    sim = startSimulator(root, "wlan0=1200kbit\nrmnet_data0=600kbit\n");
     ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=200\nideal_est_window=1000\nwan_threshold=100\n"));
     ASSERT_TRUE(waitSnapshot([](const Snapshot& s) { return s.state == "running" && s.links.empty(); }))
         << daemon.log();
@@ -197,15 +176,7 @@ TEST_F(StatusSnapshotTest, VordctlReportsMissingMalformedStuckGoneAndStopped) {
     EXPECT_EQ(0, vordctl(root, "status --json", &out)) << out;
     EXPECT_NE(out.find("\"state\":\"running\""), std::string::npos) << out;
 
-    const std::string watchOut = root.at("/watch.out");
-    pid_t watcher = fork();
-    if (watcher == 0) {
-        setenv("VORD_ROOT", root.path().c_str(), 1);
-        int fd = open(watchOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(fd, STDOUT_FILENO);
-        execl(binPath("vordctl").c_str(), "vordctl", "status", "--watch", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    Spawned watcher({binPath("vordctl"), "status", "--watch"}, root.at("/watch.out"), root.path());
     auto refreshes = [&] {
         const std::string text = root.readFile("/watch.out");
         size_t n = 0;
@@ -213,9 +184,7 @@ TEST_F(StatusSnapshotTest, VordctlReportsMissingMalformedStuckGoneAndStopped) {
         return n;
     };
     EXPECT_TRUE(waitFor([&] { return refreshes() >= 2; }, seconds(5))) << root.readFile("/watch.out");
-    ::kill(watcher, SIGINT);
-    int ws = 0;
-    waitpid(watcher, &ws, 0);
+    const int ws = watcher.stop(SIGINT);
     EXPECT_TRUE(WIFEXITED(ws) && WEXITSTATUS(ws) == 0) << ws;
 
     ASSERT_TRUE(daemon.stopThroughProperty());

@@ -67,6 +67,42 @@ int threadCount(pid_t pid) {
     return n;
 }
 
+Spawned::Spawned(const std::vector<std::string>& argv, const std::string& logPath,
+                 const std::string& vordRoot) {
+    std::vector<std::string> copy = argv;
+    std::vector<char*> args;
+    for (std::string& a : copy) args.push_back(&a[0]);
+    args.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+        const int fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        dup2(fd, STDOUT_FILENO);
+        dup2(fd, STDERR_FILENO);
+        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+        if (!vordRoot.empty()) setenv("VORD_ROOT", vordRoot.c_str(), 1);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+}
+
+int Spawned::stop(int sig) {
+    int status = -1;
+    if (pid_ > 0 && ::kill(pid_, sig) == 0) waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return status;
+}
+
+std::unique_ptr<Spawned> startSimulator(const TempRoot& root, const std::string& rates) {
+    root.writeFile("/sim/rates", rates);
+    auto sim = std::make_unique<Spawned>(
+            std::vector<std::string>{binPath("sla_stats_sim"), "--root", root.path(), "--rates-file",
+                                     root.at("/sim/rates")},
+            root.at("/sim/out.log"));
+    EXPECT_TRUE(waitFor([&] { return root.readFile("/sim/out.log").find("config channel") != std::string::npos; }))
+        << root.readFile("/sim/out.log");
+    return sim;
+}
+
 DaemonProcess::~DaemonProcess() {
     kill();
     // A sanitizer report in the daemon ends up in its log, not in the test's.

@@ -1,9 +1,11 @@
 // Runs the real vord binary in a sandbox root and talks to it.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,6 +35,26 @@ bool waitFor(Pred pred, std::chrono::milliseconds timeout = std::chrono::seconds
     }
     return true;
 }
+
+// A child program, its stdout and stderr appended to `logPath`, stdin /dev/null,
+// VORD_ROOT set when `vordRoot` is given. Stopped (SIGTERM) and reaped at the end.
+class Spawned {
+  public:
+    Spawned(const std::vector<std::string>& argv, const std::string& logPath,
+            const std::string& vordRoot = "");
+    ~Spawned() { stop(SIGTERM); }
+    Spawned(const Spawned&) = delete;
+    // Sends `sig` and reaps the child; its wait status (-1 when already reaped).
+    int stop(int sig);
+    pid_t pid() const { return pid_; }
+
+  private:
+    pid_t pid_ = -1;
+};
+
+// Writes `rates` to "/sim/rates" and runs sla_stats_sim on it for `root`, its
+// output in "/sim/out.log"; returns once it serves the config channel.
+std::unique_ptr<Spawned> startSimulator(const TempRoot& root, const std::string& rates);
 
 class DaemonProcess {
   public:
