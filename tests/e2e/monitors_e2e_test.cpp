@@ -3,11 +3,6 @@
 // cascade off a cut Wi-Fi link and back.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <sstream>
 

@@ -1,12 +1,8 @@
 // Link aggregation end to end: the daemon with the statistics simulator standing
 // in for the kernel module, and a recording stand-in for the rule tool.
-#include <fcntl.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <thread>

@@ -1,11 +1,7 @@
 // The examples of `sla_stats_sim --help`, run as printed against the real daemon
 // with its default configuration: the daemon reads every link's rate and spreads
 // new connections as the help says.
-#include <fcntl.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <sstream>

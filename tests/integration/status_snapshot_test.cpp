@@ -1,5 +1,4 @@
 // The status snapshot of the real daemon, and `vordctl status` reading it.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <time.h>
