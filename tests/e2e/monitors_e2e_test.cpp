@@ -3,11 +3,6 @@
 // cascade off a cut Wi-Fi link and back.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <sstream>
 
@@ -18,16 +13,6 @@ namespace test {
 namespace {
 
 using namespace std::chrono_literals;
-
-template <typename Pred>
-bool waitFor(Pred pred, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(100ms);
-    }
-    return true;
-}
 
 class MonitorsE2E : public ::testing::Test {
   protected:
@@ -40,7 +25,7 @@ class MonitorsE2E : public ::testing::Test {
         lab->installTools(root);
     }
     void TearDown() override {
-        if (simPid > 0 && ::kill(simPid, SIGTERM) == 0) waitpid(simPid, nullptr, 0);
+        sim.reset();
         daemon.reset();
         lab.reset();
     }
@@ -52,21 +37,6 @@ class MonitorsE2E : public ::testing::Test {
         daemon->start();
         ASSERT_TRUE(daemon->waitUntilServing(20s)) << daemon->log();
         ASSERT_TRUE(client.connect(10s));
-    }
-
-    void startSimulator(const std::string& rates) {
-        root.writeFile("/sim/rates", rates);
-        const std::string bin = binPath("sla_stats_sim"), dir = root.path();
-        const std::string ratesFile = root.at("/sim/rates"), out = root.at("/sim/out.log");
-        simPid = fork();
-        if (simPid == 0) {
-            const int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            dup2(fd, STDOUT_FILENO);
-            dup2(fd, STDERR_FILENO);
-            execl(bin.c_str(), bin.c_str(), "--root", dir.c_str(), "--rates-file",
-                  ratesFile.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
     }
 
     // "wlan0=P wlan1=P" of the "vexo_SLA" cascade in the kernel, in rule order.
@@ -91,7 +61,7 @@ class MonitorsE2E : public ::testing::Test {
     std::unique_ptr<LinkLab> lab;
     std::unique_ptr<DaemonProcess> daemon;
     ControlClient client{root};
-    pid_t simPid = -1;
+    std::unique_ptr<Spawned> sim;
 };
 
 TEST_F(MonitorsE2E, GameTrafficMakesItsServerTheProbeTarget) {
@@ -117,7 +87,7 @@ TEST_F(MonitorsE2E, GameTrafficMakesItsServerTheProbeTarget) {
 }
 
 TEST_F(MonitorsE2E, DualWifiMonitorMovesTheCascadeOffACutLinkAndBack) {
-    startSimulator("wlan0=800kbit\nwlan1=800kbit\n");
+    sim = startSimulator(root, "wlan0=800kbit\nwlan1=800kbit\n");
     ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=200\nideal_est_window=1000\n"));
     ASSERT_TRUE(client.send(1, "wlan0,wlan1"));
     ASSERT_TRUE(waitFor([&] { return cascade() == "wlan0=0.50 wlan1=1.00"; }, 20s))

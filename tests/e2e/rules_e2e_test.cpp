@@ -35,8 +35,7 @@ class RulesE2E : public ::testing::Test {
     }
     void vordctl(const std::string& command, const std::string& payload) {
         std::string out;
-        ASSERT_EQ(shell("VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " " + command +
-                            " '" + payload + "'", &out), 0) << out;
+        ASSERT_EQ(test::vordctl(root, command + " '" + payload + "'", &out), 0) << out;
     }
 
     // The lines of `cmd`'s output that begin with `head`, without it.

@@ -40,16 +40,6 @@ std::vector<int> probeResults(const std::string& log, const std::string& link) {
     return out;
 }
 
-template <typename Pred>
-bool waitFor(Pred pred, std::chrono::milliseconds timeout) {
-    const auto deadline = SteadyClock::now() + timeout;
-    while (!pred()) {
-        if (SteadyClock::now() > deadline) return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
-}
-
 class SlsLabE2E : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -71,7 +61,7 @@ class SlsLabE2E : public ::testing::Test {
     }
     void vordctl(const std::string& args) {
         std::string out;
-        ASSERT_EQ(0, shell("VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " " + args, &out)) << out;
+        ASSERT_EQ(0, test::vordctl(root, args, &out)) << out;
     }
     std::string mangle() const { return lab->exec("iptables-save -t mangle"); }
     // The daemon's status snapshot; false while there is none (or it is partial).
@@ -99,7 +89,9 @@ class SlsLabE2E : public ::testing::Test {
     DaemonProcess daemon{root};
 };
 
-TEST_F(SlsLabE2E, SelectsTheFasterLinkSwitchesWhenItIsCutAndCleansUp) {
+// Selection of the faster link, a switch when it is cut, then game mode and a
+// voice call, and a shutdown that leaves no rule behind.
+TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
     vordctl("ifaces wlan0,rmnet_data0");
     vordctl("sls-start 10123");
     ASSERT_TRUE(daemon.waitForLog(",device is wlan0", 20s, 4)) << daemon.log();
@@ -151,26 +143,30 @@ TEST_F(SlsLabE2E, SelectsTheFasterLinkSwitchesWhenItIsCutAndCleansUp) {
     vordctl("sls-stop");
     EXPECT_TRUE(waitFor([&] { return chainsGone(); }, 5s)) << mangle();
     EXPECT_TRUE(probingStopped());
-}
 
-TEST_F(SlsLabE2E, GameModeAndVoiceCallThroughTheDaemon) {
-    vordctl("ifaces wlan0,rmnet_data0");
+    // Game mode and a voice call, with wlan0 back.
+    ASSERT_TRUE(lab->restore("wlan0"));
     vordctl("game-mode 10123");
     ASSERT_TRUE(daemon.waitForLog("setGameAiModeEnable enable"));
     EXPECT_TRUE(waitFor([&] { return mangle().find("--uid-owner 10123 -j vexo_sls_wlan0") != std::string::npos; }, 5s))
         << mangle();
-    EXPECT_EQ(0u, probes());  // game mode alone does not probe
+    const size_t probed = probes();
+    std::this_thread::sleep_for(500ms);
+    EXPECT_EQ(probed, probes());  // game mode alone does not probe
+    const size_t onRmnet = daemon.countLog(",device is rmnet_data0");
+    const size_t switches = daemon.countLog("calcInterface SLA_RTT_SELECTED perform switch wlan0 ");
     vordctl("game-rtt-check 1");
-    EXPECT_TRUE(daemon.waitForLog(",device is rmnet_data0", 10s));
-    EXPECT_TRUE(daemon.waitForLog("calcInterface SLA_RTT_SELECTED perform switch wlan0 ", 10s));
+    EXPECT_TRUE(daemon.waitForLog(",device is rmnet_data0", 10s, onRmnet + 1));
+    EXPECT_TRUE(daemon.waitForLog("calcInterface SLA_RTT_SELECTED perform switch wlan0 ", 10s, switches + 1));
     vordctl("sls-stop");
     EXPECT_TRUE(waitFor([&] { return chainsGone(); }, 5s)) << mangle();
     EXPECT_TRUE(probingStopped());
 
     using namespace std::string_literals;
+    const size_t onWlan = daemon.countLog(",device is wlan0");
     vordctl("voip 10123");
     EXPECT_TRUE(waitFor([&] { return root.readFile("/proc/sla/config").find("voip_uid=10123\0voip_enable=1\0"s) != std::string::npos; }, 5s));
-    EXPECT_TRUE(daemon.waitForLog(",device is wlan0", 10s, 2));
+    EXPECT_TRUE(daemon.waitForLog(",device is wlan0", 10s, onWlan + 2));
     EXPECT_TRUE(waitFor([&] { return !chainsGone(); }, 5s));
     vordctl("voip 0");
     EXPECT_TRUE(waitFor([&] { return root.readFile("/proc/sla/config").find("voip_enable=0\0voip_uid=0\0"s) != std::string::npos; }, 5s));

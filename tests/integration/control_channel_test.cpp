@@ -74,10 +74,37 @@ TEST_F(DaemonTest, ClientCredentialsAndToolSignalState) {
     EXPECT_GE(seen, 10) << signals;  // every command of the add
 }
 
-// A receive shorter than a record is one record; text without a NUL ends at the
-// last byte of `message`.
-TEST_F(DaemonTest, ShortAndUnterminatedRecords) {
+// Records written back to back are dispatched in order; then a receive shorter
+// than a record is one record, and text without a NUL ends at the last byte of
+// `message`.
+TEST_F(DaemonTest, BackToBackShortAndUnterminatedRecords) {
     ASSERT_NO_FATAL_FAILURE(startDaemon());
+    ASSERT_TRUE(client.connect());
+    const std::string longest(1023, 'k');
+    const struct {
+        int id;
+        std::string text;
+        int length;
+    } records[] = {{4, "10.0.0.1", 8},   {4, "10.0.0.1", 8},  {0, "zero", 4}, {12, "drop-me", 1024},
+                   {12, longest, 1023}, {15, "fifteen", 7}, {12, "done", 4}};
+    for (const auto& r : records) ASSERT_TRUE(client.send(r.id, r.text, r.length));
+    ASSERT_TRUE(daemon.waitForLog("msg.message=[done]")) << daemon.log();
+
+    // Each record is logged as received before it is handled; 1024 is over the limit.
+    std::string log = daemon.log();
+    size_t at = 0;
+    for (const auto& r : records) {
+        if (r.length > 1023) continue;
+        const std::string line = "recv msg: msg.id=" + std::to_string(r.id) + ", msg.length=" +
+                                 std::to_string(r.length) + ", msg.message=[" + r.text + "]";
+        at = log.find(line, at);
+        ASSERT_NE(at, std::string::npos) << "missing or out of order: " << line << "\n" << log;
+        ++at;
+    }
+    EXPECT_EQ(daemon.countLog("drop-me"), 0u);
+    EXPECT_EQ(daemon.countLog("unknow mesage!!!"), 2u);  // ids 0 and 15
+    EXPECT_EQ(daemon.countLog("populateWifiGateway = 10.0.0.1"), 1u);  // the repeat is skipped
+
     auto record = [](int32_t id, int32_t length, const std::string& text) {
         std::string bytes(8, '\0');
         memcpy(&bytes[0], &id, 4);
@@ -94,9 +121,8 @@ TEST_F(DaemonTest, ShortAndUnterminatedRecords) {
         {record(12, 1024, std::string(1024, 'x')), ""},  // over the limit: dropped
         {record(12, 1023, std::string(1024, 'y')),
          "msg.length=1023, msg.message=[" + std::string(1023, 'y') + "]"},
-        {record(12, 4, "done"), "msg.message=[done]"},
+        {record(12, 3, "end"), "msg.message=[end]"},
     };
-    ASSERT_TRUE(client.connect());
     for (const auto& c : cases) {
         ASSERT_TRUE(client.sendRaw(c.bytes));
         // One receive per record: the next goes out once this one has been read
@@ -105,14 +131,13 @@ TEST_F(DaemonTest, ShortAndUnterminatedRecords) {
             ASSERT_TRUE(daemon.waitForLog(c.logged)) << c.logged << "\n" << daemon.log();
         }
     }
-    ASSERT_TRUE(daemon.waitForLog("msg.message=[done]")) << daemon.log();
-    const std::string log = daemon.log();
+    log = daemon.log();
     for (const auto& c : cases) {
         if (!c.logged.empty()) {
             EXPECT_EQ(daemon.countLog(c.logged), 1u) << c.logged << "\n" << log;
         }
     }
-    EXPECT_EQ(daemon.countLog("recv msg: "), 5u) << log;
+    EXPECT_EQ(daemon.countLog("recv msg: "), 11u) << log;
     EXPECT_EQ(daemon.countLog(std::string(1024, 'y')), 0u);
     EXPECT_EQ(daemon.countLog("xxxx"), 0u);
 }

@@ -47,8 +47,12 @@ class HardeningTest : public DaemonTest {
     bool connected = false;
 };
 
-TEST_F(HardeningTest, KernelTableNamesLongNamesAndLongListsAreRefusedWithNothingBuilt) {
-    ASSERT_NO_FATAL_FAILURE(startDaemon());
+// Refused names, lists, payloads and UIDs leave nothing half-built; a huge cache
+// is clamped; a directory in place of the conf file is a failed read.
+TEST_F(HardeningTest, RefusalsBuildNothingClampedCacheAndDirectoryConf) {
+    ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=100\nbest_est_cache_size=1000000000\n"));
+    EXPECT_EQ(1u, daemon.countLog("W/MUX-Vord-SlaParameters: best_est_cache_size 1000000000 is above "
+                                  "the maximum of 3600: 3600 is used"));
     const char* refused[] = {"local", "main", "255", "rmnet_data123"};
     int n = 0;
     for (const char* name : refused) {
@@ -59,6 +63,13 @@ TEST_F(HardeningTest, KernelTableNamesLongNamesAndLongListsAreRefusedWithNothing
     ASSERT_NO_FATAL_FAILURE(sendAndWait(1, "wlan0,wlan1,rmnet_data0,rmnet_data1,ccmni0,ccmni1,"
                                            "wwan0,wwan1,wlan2", "after-list"));
     EXPECT_EQ(1u, daemon.countLog("updateInterfaces refused a list of 9 interfaces (at most 8)"));
+    // A newline in a payload stays in its line; root is never whitelisted.
+    ASSERT_NO_FATAL_FAILURE(sendAndWait(2, "0,1\n2,10123\nE/MUX-Vord-daemon: forged", "after-forge"));
+    ASSERT_NO_FATAL_FAILURE(sendAndWait(2, "0,10456", "after-root"));
+    EXPECT_EQ(0u, linesStartingWith("E/MUX-Vord-daemon: forged")) << daemon.log();
+    EXPECT_EQ(1u, daemon.countLog("msg.message=[0,1\\x0a2,10123\\x0aE/MUX-Vord-daemon: forged]"));
+    EXPECT_EQ(1u, daemon.countLog("refused entry \"1\\x0a2\": not a decimal UID"));
+    EXPECT_EQ(2u, daemon.countLog("populateSlauidwhitelist refused entry \"0\": UID 0 (root) is never steered"));
     ASSERT_TRUE(daemon.stopThroughProperty()) << daemon.log();
 
     // Nothing half-built: no rule, no block file, no module line, no slot.
@@ -70,6 +81,17 @@ TEST_F(HardeningTest, KernelTableNamesLongNamesAndLongListsAreRefusedWithNothing
         EXPECT_NE(0, access(root.at(std::string("/proc/sla/") + name + "_mmap").c_str(), F_OK)) << name;
     }
     EXPECT_EQ(0u, daemon.countLog("m_interfaceInfoMap add"));
+    EXPECT_NE(std::string::npos, cmds.find("--uid-owner 10456 ")) << cmds;
+    EXPECT_EQ(std::string::npos, cmds.find("--uid-owner 0 ")) << cmds;
+    daemon.kill();
+
+    TempRoot dirRoot;
+    ASSERT_EQ(0, mkdir(dirRoot.at("/vendor/etc/sla/vord.conf").c_str(), 0755));
+    DaemonProcess second(dirRoot);
+    second.start();
+    ASSERT_TRUE(second.waitUntilServing()) << second.log();
+    EXPECT_EQ(1u, second.countLog("E/MUX-Vord-SlaParameters: read vord conf file failed!"));
+    second.kill();
 }
 
 TEST_F(HardeningTest, FifthInterfaceWarnsAndModeMustBeANumber) {
@@ -89,20 +111,6 @@ TEST_F(HardeningTest, FifthInterfaceWarnsAndModeMustBeANumber) {
     EXPECT_EQ(1u, daemon.countLog("SLA m_ifaceParams[0] = rmnet_data1,1,rmnet_data1,"));
 }
 
-TEST_F(HardeningTest, NewlineInAPayloadStaysOneLineAndRootIsNeverWhitelisted) {
-    ASSERT_NO_FATAL_FAILURE(startDaemon());
-    ASSERT_NO_FATAL_FAILURE(sendAndWait(2, "0,1\n2,10123\nE/MUX-Vord-daemon: forged", "after-forge"));
-    ASSERT_NO_FATAL_FAILURE(sendAndWait(2, "0,10456", "after-root"));
-    EXPECT_EQ(0u, linesStartingWith("E/MUX-Vord-daemon: forged")) << daemon.log();
-    EXPECT_EQ(1u, daemon.countLog("msg.message=[0,1\\x0a2,10123\\x0aE/MUX-Vord-daemon: forged]"));
-    EXPECT_EQ(1u, daemon.countLog("refused entry \"1\\x0a2\": not a decimal UID"));
-    EXPECT_EQ(2u, daemon.countLog("populateSlauidwhitelist refused entry \"0\": UID 0 (root) is never steered"));
-    ASSERT_TRUE(daemon.stopThroughProperty()) << daemon.log();
-    const std::string cmds = root.recordedCommands();
-    EXPECT_NE(std::string::npos, cmds.find("--uid-owner 10456 ")) << cmds;
-    EXPECT_EQ(std::string::npos, cmds.find("--uid-owner 0 ")) << cmds;
-}
-
 TEST_F(HardeningTest, BlockCutShortWhileMappedLeavesTheDaemonServing) {
     blockFile("wlan0");
     ASSERT_NO_FATAL_FAILURE(startDaemon());
@@ -117,22 +125,6 @@ TEST_F(HardeningTest, BlockCutShortWhileMappedLeavesTheDaemonServing) {
     ASSERT_NO_FATAL_FAILURE(sendAndWait(4, "192.168.1.1", "still-serving"));
     EXPECT_EQ(1u, daemon.countLog("skipped until it is whole"));
     ASSERT_TRUE(daemon.stopThroughProperty()) << daemon.log();
-}
-
-TEST_F(HardeningTest, HugeCacheIsClampedAndADirectoryConfIsAFailedRead) {
-    ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=100\nbest_est_cache_size=1000000000\n"));
-    EXPECT_EQ(1u, daemon.countLog("W/MUX-Vord-SlaParameters: best_est_cache_size 1000000000 is above "
-                                  "the maximum of 3600: 3600 is used"));
-    ASSERT_TRUE(daemon.stopThroughProperty()) << daemon.log();
-    daemon.kill();
-
-    TempRoot dirRoot;
-    ASSERT_EQ(0, mkdir(dirRoot.at("/vendor/etc/sla/vord.conf").c_str(), 0755));
-    DaemonProcess second(dirRoot);
-    second.start();
-    ASSERT_TRUE(second.waitUntilServing()) << second.log();
-    EXPECT_EQ(1u, second.countLog("E/MUX-Vord-SlaParameters: read vord conf file failed!"));
-    second.kill();
 }
 
 }  // namespace

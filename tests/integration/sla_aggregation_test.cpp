@@ -1,12 +1,8 @@
 // Link aggregation end to end: the daemon with the statistics simulator standing
 // in for the kernel module, and a recording stand-in for the rule tool.
-#include <fcntl.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <thread>
@@ -20,16 +16,6 @@ namespace {
 
 using std::chrono::seconds;
 
-template <typename Pred>
-bool waitFor(Pred pred, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return true;
-}
-
 // What follows each occurrence of `key` in `text`, in order; points into `text`.
 std::vector<const char*> after(const std::string& text, const char* key) {
     std::vector<const char*> out;
@@ -41,26 +27,6 @@ std::vector<const char*> after(const std::string& text, const char* key) {
 
 class SlaAggregationTest : public DaemonTest {
   protected:
-    void TearDown() override {
-        if (simPid > 0 && ::kill(simPid, SIGTERM) == 0) waitpid(simPid, nullptr, 0);
-    }
-
-    void startSimulator() {
-        std::string bin = binPath("sla_stats_sim"), dir = root.path(), rates = root.at("/sim/rates");
-        std::string log = root.at("/sim/out.log");
-        simPid = fork();
-        if (simPid == 0) {
-            int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            dup2(fd, STDOUT_FILENO);
-            dup2(fd, STDERR_FILENO);
-            dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-            execl(bin.c_str(), bin.c_str(), "--root", dir.c_str(), "--rates-file", rates.c_str(),
-                  static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        ASSERT_TRUE(waitFor([&] { return simLog().find("config channel") != std::string::npos; }, seconds(10)))
-            << simLog();
-    }
     std::string simLog() const { return root.readFile("/sim/out.log"); }
 
     // True when the newest cascade gives wlan0 `wlan0` of new connections and
@@ -76,7 +42,7 @@ class SlaAggregationTest : public DaemonTest {
     }
     size_t ruleCount() const { return after(root.recordedCommands(), "--probability ").size(); }
 
-    pid_t simPid = -1;
+    std::unique_ptr<Spawned> sim;
 };
 
 TEST_F(SlaAggregationTest, RulesFollowSimulatedRatesAndIgnoreSmallMoves) {
@@ -84,8 +50,7 @@ TEST_F(SlaAggregationTest, RulesFollowSimulatedRatesAndIgnoreSmallMoves) {
     root.installRecordingTool("ip-wrapper-1.0");
     // wlan0 at twice the rate of the metered rmnet_data0, both under the byte cap
     // of one estimate at five 100 ms records.
-    root.writeFile("/sim/rates", "wlan0=1200kbit\nrmnet_data0=600kbit\n");
-    ASSERT_NO_FATAL_FAILURE(startSimulator());
+    sim = startSimulator(root, "wlan0=1200kbit\nrmnet_data0=600kbit\n");
     ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=200\nideal_est_window=1000\nwan_threshold=100\n"));
     ASSERT_TRUE(client.connect(seconds(10)));
     ASSERT_TRUE(client.send(1, "wlan0,rmnet_data0"));

@@ -1,11 +1,7 @@
 // The examples of `sla_stats_sim --help`, run as printed against the real daemon
 // with its default configuration: the daemon reads every link's rate and spreads
 // new connections as the help says.
-#include <fcntl.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <sstream>
@@ -28,16 +24,6 @@ const Example kExamples[] = {
     {"sla_stats_sim wlan0=1200kbit rmnet_data0=600kbit", 0.75, {1200, 600}},
     {"sla_stats_sim wlan0=8mbit rmnet_data0=4mbit", 1.0, {8192, 4096}},
 };
-
-template <typename Pred>
-bool waitFor(Pred pred, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return true;
-}
 
 // The numbers that follow each occurrence of `key` in `text`.
 std::vector<double> numbersAfter(const std::string& text, const std::string& key) {
@@ -93,10 +79,7 @@ TEST(SlaStatsSimHelp, IntervalFitsTheDaemonsEstimatorOrIsRefused) {
 
 class SlaStatsSimExample : public DaemonTest, public ::testing::WithParamInterface<size_t> {
   protected:
-    void TearDown() override {
-        if (simPid > 0 && ::kill(simPid, SIGTERM) == 0) waitpid(simPid, nullptr, 0);
-    }
-    pid_t simPid = -1;
+    std::unique_ptr<Spawned> sim;
 };
 
 TEST_P(SlaStatsSimExample, DaemonReadsTheRatesAndSpreadsConnections) {
@@ -108,21 +91,8 @@ TEST_P(SlaStatsSimExample, DaemonReadsTheRatesAndSpreadsConnections) {
     std::vector<std::string> words;
     std::istringstream split(example.line);
     for (std::string w; split >> w;) words.push_back(w);
-    const std::string bin = binPath(words[0]), out = root.at("/sim.log");
-    simPid = fork();
-    if (simPid == 0) {
-        int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        dup2(fd, STDOUT_FILENO);
-        dup2(fd, STDERR_FILENO);
-        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-        setenv("VORD_ROOT", root.path().c_str(), 1);
-        std::vector<char*> argv{const_cast<char*>(bin.c_str())};
-        for (size_t i = 1; i < words.size(); ++i)
-            argv.push_back(const_cast<char*>(words[i].c_str()));
-        argv.push_back(nullptr);
-        execv(bin.c_str(), argv.data());
-        _exit(127);
-    }
+    words[0] = binPath(words[0]);
+    sim = std::make_unique<Spawned>(words, root.at("/sim.log"), root.path());
     auto simLog = [&] { return root.readFile("/sim.log"); };
     ASSERT_TRUE(waitFor([&] { return simLog().find("config channel") != std::string::npos; },
                         std::chrono::seconds(10)))

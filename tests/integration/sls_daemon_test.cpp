@@ -1,14 +1,8 @@
 // Link selection through the real daemon with recording stand-in tools. The
 // interface names do not exist on this host, so every probe fails at binding,
 // before any packet.
-#include <dirent.h>
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
-
-#include <thread>
-
 #include "DaemonTest.h"
+#include "status/StatusText.h"
 
 namespace vord {
 namespace test {
@@ -19,32 +13,6 @@ using namespace std::chrono_literals;
 const char* const kConf =
     "mini_est_interval=50\nping_interval_ms=50\nt_hyst_s=0\nmin_ping_times=2\n";
 
-// Threads of the vord process this test started (its child running in `root`;
-// the daemon's own short-lived children, not yet exec'd, are not counted).
-size_t daemonThreads(const TempRoot& root) {
-    const std::string marker = "VORD_ROOT=" + root.path();
-    size_t threads = 0;
-    DIR* proc = opendir("/proc");
-    while (dirent* e = proc ? readdir(proc) : nullptr) {
-        if (atoi(e->d_name) <= 0) continue;
-        const std::string dir = std::string("/proc/") + e->d_name;
-        const std::string stat = readWholeFile(dir + "/stat");
-        const size_t close = stat.rfind(')');
-        if (close == std::string::npos || atoi(stat.c_str() + close + 4) != getpid()) continue;
-        if (readWholeFile(dir + "/comm") != "vord\n") continue;
-        const std::string env = readWholeFile(dir + "/environ");
-        bool ours = false;
-        for (size_t at = 0; at < env.size(); at += strlen(env.c_str() + at) + 1) ours |= marker == env.c_str() + at;
-        if (!ours) continue;
-        if (DIR* tasks = opendir((dir + "/task").c_str())) {
-            while (dirent* t = readdir(tasks)) threads += t->d_name[0] != '.';
-            closedir(tasks);
-        }
-    }
-    if (proc) closedir(proc);
-    return threads;
-}
-
 class SlsDaemonTest : public DaemonTest {
   protected:
     void SetUp() override {
@@ -54,8 +22,8 @@ class SlsDaemonTest : public DaemonTest {
         ASSERT_TRUE(client.connect(5s));
         ASSERT_TRUE(client.send(1, "wlan7,rmnet_data9"));
         ASSERT_TRUE(daemon.waitForLog("preinterfacelist is rmnet_data9"));
-        idleThreads = daemonThreads(root);
-        ASSERT_GT(idleThreads, 0u);
+        idleThreads = threadCount(daemon.pid());
+        ASSERT_GT(idleThreads, 0);
     }
     void TearDown() override {
         client.close();
@@ -70,24 +38,33 @@ class SlsDaemonTest : public DaemonTest {
         seen = all.size();
         return fresh;
     }
-    bool waitThreads(size_t n) {
-        for (int i = 0; i < 100; ++i) {
-            if (daemonThreads(root) == n) return true;
-            std::this_thread::sleep_for(50ms);
-        }
-        return false;
+    bool waitThreads(int n) {
+        return waitFor([&] { return threadCount(daemon.pid()) == n; }, 5s);
     }
-    size_t idleThreads = 0, seen = 0;
+    int idleThreads = 0;
+    size_t seen = 0;
+    status::Snapshot last;
+    // Waits until the status snapshot parses and satisfies `pred`; `last` keeps the newest.
+    template <typename Pred>
+    bool waitSnapshot(Pred pred) {
+        return waitFor([&] {
+            return status::parse(root.readFile("/data/vendor/vord/status"), &last, nullptr) && pred(last);
+        });
+    }
 };
 
 TEST_F(SlsDaemonTest, StartSelectsAndStopRemovesTheChainsAndEveryProbeThread) {
     newCommands();
+    ASSERT_TRUE(waitSnapshot([](const status::Snapshot& s) { return s.links.size() == 2; }))
+        << status::format(last);
+    EXPECT_EQ("off", last.mode);
+    for (const status::LinkStatus& l : last.links) EXPECT_FALSE(l.probed) << l.name;
     ASSERT_TRUE(client.send(9, "10123,10456"));
     // Both links fail their probes; at level 1 the tie goes to the last one in key
     // order, nothing being selected yet.
     ASSERT_TRUE(daemon.waitForLog("calcInterface SLA_RTT_SELECTED perform switch ", 10s));
     // Two probe threads, the RSSI monitor and the TCP socket monitor.
-    EXPECT_TRUE(waitThreads(idleThreads + 4)) << daemonThreads(root);
+    EXPECT_TRUE(waitThreads(idleThreads + 4)) << threadCount(daemon.pid());
     EXPECT_TRUE(daemon.waitForLog("Set interface wlan7 failed."));
     EXPECT_TRUE(daemon.waitForLog("SLA_RTT_SELECTED  UID destroying sockets = 10456"));
     std::string cmds = newCommands();
@@ -97,13 +74,24 @@ TEST_F(SlsDaemonTest, StartSelectsAndStopRemovesTheChainsAndEveryProbeThread) {
           "-w -t mangle -A vexo_SLS -j vexo_sls_uid_"}) {
         EXPECT_NE(std::string::npos, cmds.find(expected)) << expected << "\n" << cmds;
     }
+    // Every probe fails at binding: both links count misses and sit at level 1.
+    EXPECT_TRUE(waitSnapshot([](const status::Snapshot& s) {
+        if (s.mode != "gaming" || !s.engine || s.gamingUids != 2 || s.links.size() != 2) return false;
+        for (const status::LinkStatus& l : s.links) {
+            if (!l.probed || l.rttMs != -1 || l.level != 1 || l.misses < 1) return false;
+        }
+        return true;
+    })) << status::format(last);
 
     ASSERT_TRUE(client.send(10, ""));
-    EXPECT_TRUE(waitThreads(idleThreads)) << daemonThreads(root);
+    EXPECT_TRUE(waitThreads(idleThreads)) << threadCount(daemon.pid());
     // wlan7 comes last in key order: its chains go last.
     for (int i = 0; i < 100 && root.recordedCommands().find("-X vexo_sls_uid_wlan7") == std::string::npos; ++i) {
         std::this_thread::sleep_for(50ms);
     }
+    EXPECT_TRUE(waitSnapshot([](const status::Snapshot& s) {
+        return s.mode == "off" && s.links.size() == 2 && !s.links[0].probed && !s.links[1].probed;
+    })) << status::format(last);
     cmds = newCommands();
     for (const char* expected : {"-w -t mangle -X vexo_sls_uid_wlan7", "-w -t mangle -X vexo_sls_rmnet_data9"}) {
         EXPECT_NE(std::string::npos, cmds.find(expected)) << expected << "\n" << cmds;

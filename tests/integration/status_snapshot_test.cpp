@@ -1,5 +1,4 @@
 // The status snapshot of the real daemon, and `vordctl status` reading it.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -23,16 +22,6 @@ using status::Snapshot;
 
 constexpr const char* kSnapshot = "/data/vendor/vord/status";
 
-template <typename Pred>
-bool waitFor(Pred pred, milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(milliseconds(50));
-    }
-    return true;
-}
-
 const LinkStatus* findLink(const Snapshot& s, const std::string& name) {
     for (const LinkStatus& l : s.links) {
         if (l.name == name) return &l;
@@ -42,26 +31,6 @@ const LinkStatus* findLink(const Snapshot& s, const std::string& name) {
 
 class StatusSnapshotTest : public DaemonTest {
   protected:
-    void TearDown() override {
-        if (simPid > 0 && ::kill(simPid, SIGTERM) == 0) waitpid(simPid, nullptr, 0);
-    }
-
-    void startSimulator() {
-        std::string bin = binPath("sla_stats_sim"), dir = root.path(), rates = root.at("/sim/rates");
-        std::string log = root.at("/sim/out.log");
-        simPid = fork();
-        if (simPid == 0) {
-            int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            dup2(fd, STDOUT_FILENO);
-            dup2(fd, STDERR_FILENO);
-            execl(bin.c_str(), bin.c_str(), "--root", dir.c_str(), "--rates-file", rates.c_str(),
-                  static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        ASSERT_TRUE(waitFor([&] { return root.readFile("/sim/out.log").find("config channel") != std::string::npos; },
-                            seconds(10)));
-    }
-
     // Waits until the snapshot on disk parses and satisfies `pred`; `last` keeps
     // the newest one read.
     template <typename Pred>
@@ -70,20 +39,14 @@ class StatusSnapshotTest : public DaemonTest {
                        timeout);
     }
 
-    // Runs `vordctl status ARGS` on the sandbox; the exit status, output in `out`.
-    int vordctlStatus(const std::string& args, std::string* out) {
-        return shell("VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " status " + args, out);
-    }
-
     Snapshot last;
-    pid_t simPid = -1;
+    std::unique_ptr<Spawned> sim;
 };
 
 TEST_F(StatusSnapshotTest, FollowsInterfacesWhitelistRatesAndShutdown) {
     root.installRecordingTool("iptables-wrapper-1.0");
     root.installRecordingTool("ip-wrapper-1.0");
-    root.writeFile("/sim/rates", "wlan0=1200kbit\nrmnet_data0=600kbit\n");
-    ASSERT_NO_FATAL_FAILURE(startSimulator());
+    sim = startSimulator(root, "wlan0=1200kbit\nrmnet_data0=600kbit\n");
     ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=200\nideal_est_window=1000\nwan_threshold=100\n"));
     ASSERT_TRUE(waitSnapshot([](const Snapshot& s) { return s.state == "running" && s.links.empty(); }))
         << daemon.log();
@@ -133,35 +96,6 @@ TEST_F(StatusSnapshotTest, FollowsInterfacesWhitelistRatesAndShutdown) {
     EXPECT_FALSE(last.links[0].aggregated);  // aggregation is released at shutdown
 }
 
-// Link selection on links that do not exist on this host: every probe fails at
-// binding, before any packet, so both links count misses and sit at level 1.
-TEST_F(StatusSnapshotTest, FollowsSelectionStartAndStop) {
-    root.installRecordingTool("iptables-wrapper-1.0");
-    root.installRecordingTool("ip-wrapper-1.0");
-    root.writeFile("/proc/sla/config", "");
-    ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=100\nping_interval_ms=50\nt_hyst_s=0\nmin_ping_times=2\n"));
-    ASSERT_TRUE(client.connect(seconds(10)));
-    ASSERT_TRUE(client.send(1, "wlan7,rmnet_data9"));
-    ASSERT_TRUE(waitSnapshot([](const Snapshot& s) { return s.links.size() == 2; })) << status::format(last);
-    EXPECT_EQ("off", last.mode);
-    for (const LinkStatus& l : last.links) EXPECT_FALSE(l.probed) << l.name;
-
-    ASSERT_TRUE(client.send(9, "10123"));
-    EXPECT_TRUE(waitSnapshot([](const Snapshot& s) {
-        if (s.mode != "gaming" || !s.engine || s.gamingUids != 1 || s.links.size() != 2) return false;
-        for (const LinkStatus& l : s.links) {
-            if (!l.probed || l.rttMs != -1 || l.level != 1 || l.misses < 1) return false;
-        }
-        return true;
-    })) << status::format(last) << daemon.log().substr(0, 4000);
-
-    ASSERT_TRUE(client.send(10, ""));
-    EXPECT_TRUE(waitSnapshot([](const Snapshot& s) {
-        return s.mode == "off" && !s.links.empty() && !s.links[0].probed && !s.links[1].probed;
-    })) << status::format(last);
-    EXPECT_TRUE(daemon.stopThroughProperty());
-}
-
 // The daemon rewrites the file about as fast as its loop runs (a 1 ms period)
 // while the content keeps changing; a reader must only ever see whole snapshots.
 // The reader pauses 50 us between reads, so that the test does not starve tests
@@ -204,12 +138,12 @@ TEST_F(StatusSnapshotTest, ReaderNeverSeesAPartialFile) {
 
 TEST_F(StatusSnapshotTest, VordctlReportsMissingMalformedStuckGoneAndStopped) {
     std::string out;
-    EXPECT_EQ(1, vordctlStatus("", &out));
+    EXPECT_EQ(1, vordctl(root, "status", &out));
     EXPECT_NE(out.find("no status snapshot at " + root.at(kSnapshot) + " (is vord running?)"), std::string::npos)
         << out;
 
     root.writeFile(kSnapshot, "version=1\npid=1\n");
-    EXPECT_EQ(1, vordctlStatus("", &out));
+    EXPECT_EQ(1, vordctl(root, "status", &out));
     EXPECT_NE(out.find("is malformed: no end line"), std::string::npos) << out;
 
     // A live process whose snapshot was last written five seconds ago.
@@ -220,7 +154,7 @@ TEST_F(StatusSnapshotTest, VordctlReportsMissingMalformedStuckGoneAndStopped) {
     s.periodMs = 1000;
     s.updatedMonoMs = now.tv_sec * 1000 + now.tv_nsec / 1000000 - 5000;
     root.writeFile(kSnapshot, status::format(s));
-    EXPECT_EQ(3, vordctlStatus("", &out));
+    EXPECT_EQ(3, vordctl(root, "status", &out));
     EXPECT_NE(out.find("older than three loop periods"), std::string::npos) << out;
     EXPECT_NE(out.find("LINK"), std::string::npos) << "the table is still shown: " << out;
 
@@ -229,27 +163,19 @@ TEST_F(StatusSnapshotTest, VordctlReportsMissingMalformedStuckGoneAndStopped) {
     waitpid(child, nullptr, 0);
     s.pid = child;
     root.writeFile(kSnapshot, status::format(s));
-    EXPECT_EQ(3, vordctlStatus("--json", &out));
+    EXPECT_EQ(3, vordctl(root, "status --json", &out));
     EXPECT_NE(out.find("is not running"), std::string::npos) << out;
     EXPECT_NE(out.find("\"live\":false"), std::string::npos) << out;
 
     // The real daemon: current while it runs, also under --watch; stopped after.
     ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=1000\n"));
     ASSERT_TRUE(waitSnapshot([&](const Snapshot& x) { return x.pid != child; }));
-    EXPECT_EQ(0, vordctlStatus("", &out)) << out;
+    EXPECT_EQ(0, vordctl(root, "status", &out)) << out;
     EXPECT_NE(out.find("loop period 1000 ms"), std::string::npos) << out;
-    EXPECT_EQ(0, vordctlStatus("--json", &out)) << out;
+    EXPECT_EQ(0, vordctl(root, "status --json", &out)) << out;
     EXPECT_NE(out.find("\"state\":\"running\""), std::string::npos) << out;
 
-    const std::string watchOut = root.at("/watch.out");
-    pid_t watcher = fork();
-    if (watcher == 0) {
-        setenv("VORD_ROOT", root.path().c_str(), 1);
-        int fd = open(watchOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(fd, STDOUT_FILENO);
-        execl(binPath("vordctl").c_str(), "vordctl", "status", "--watch", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    Spawned watcher({binPath("vordctl"), "status", "--watch"}, root.at("/watch.out"), root.path());
     auto refreshes = [&] {
         const std::string text = root.readFile("/watch.out");
         size_t n = 0;
@@ -257,13 +183,11 @@ TEST_F(StatusSnapshotTest, VordctlReportsMissingMalformedStuckGoneAndStopped) {
         return n;
     };
     EXPECT_TRUE(waitFor([&] { return refreshes() >= 2; }, seconds(5))) << root.readFile("/watch.out");
-    ::kill(watcher, SIGINT);
-    int ws = 0;
-    waitpid(watcher, &ws, 0);
+    const int ws = watcher.stop(SIGINT);
     EXPECT_TRUE(WIFEXITED(ws) && WEXITSTATUS(ws) == 0) << ws;
 
     ASSERT_TRUE(daemon.stopThroughProperty());
-    EXPECT_EQ(3, vordctlStatus("", &out));
+    EXPECT_EQ(3, vordctl(root, "status", &out));
     EXPECT_NE(out.find("has stopped"), std::string::npos) << out;
 }
 

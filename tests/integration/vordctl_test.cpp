@@ -29,17 +29,16 @@ void installSlowTool(const TempRoot& root, int seconds) {
 TEST_F(DaemonTest, VordctlWaitsThroughABusyDaemonUpToItsTimeout) {
     installSlowTool(root, 3);
     ASSERT_NO_FATAL_FAILURE(startDaemon());
-    const std::string vordctl = "VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " ";
     std::string first;
-    ASSERT_EQ(shell(vordctl + "ifaces wlan0", &first), 0) << first;  // read at once, then runs 3 s
+    ASSERT_EQ(vordctl(root, "ifaces wlan0", &first), 0) << first;  // read at once, then runs 3 s
     ASSERT_TRUE(daemon.waitForLog("add Interfaces is wlan0")) << daemon.log();
 
     // Behind it: one client with the default timeout, one that gives up after 1 s.
     std::string impatient;
     int impatientStatus = 0;
-    std::thread other([&] { impatientStatus = shell(vordctl + "--timeout 1 rtt 7", &impatient); });
+    std::thread other([&] { impatientStatus = vordctl(root, "--timeout 1 rtt 7", &impatient); });
     std::string patient;
-    EXPECT_EQ(shell(vordctl + "rtt 42", &patient), 0) << patient << daemon.log();
+    EXPECT_EQ(vordctl(root, "rtt 42", &patient), 0) << patient << daemon.log();
     other.join();
     EXPECT_NE(patient.find("vord is busy (serving another client or a long command); waiting up "
                            "to 60 s"),
@@ -57,9 +56,13 @@ TEST_F(DaemonTest, VordctlWaitsThroughABusyDaemonUpToItsTimeout) {
         << log;
 }
 
-TEST(Vordctl, FailsAtOnceWhenNothingListens) {
+TEST(Vordctl, HelpRefusalsAndNothingListening) {
     TempRoot root;
-    const std::string vordctl = "VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " ";
+    std::string out;
+    ASSERT_EQ(vordctl(root, "--help", &out), 0);
+    for (const char* name : {"ifaces", "whitelist", "gateway", "bssid", "sls-stop", "raw"}) {
+        EXPECT_NE(out.find(std::string("  ") + name + " "), std::string::npos) << name;
+    }
     // A socket file that nobody listens on: bound, never listening.
     int bound = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un addr{};
@@ -67,19 +70,23 @@ TEST(Vordctl, FailsAtOnceWhenNothingListens) {
     const std::string stale = root.at("/stale.sock");
     snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", stale.c_str());
     ASSERT_EQ(bind(bound, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-
-    const std::pair<std::string, const char*> cases[] = {
-        {"mode 0", "no socket file"},
-        {"--socket " + stale + " mode 0", "connection refused"},
+    const struct {
+        std::string args;
+        int status;
+        const char* text;
+    } cases[] = {
+        {"mode 0", 1, "vord is not listening on"},
+        {"mode 0", 1, "no socket file"},
+        {"--socket " + stale + " mode 0", 1, "connection refused"},
+        {"reboot now", 2, "unknown command 'reboot'"},
+        {"ifaces wlan0 gateway", 2, "missing payload for 'gateway'"},
     };
     for (const auto& c : cases) {
-        std::string out;
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(shell(vordctl + c.first, &out), 1) << c.first;
+        EXPECT_EQ(vordctl(root, c.args, &out), c.status) << c.args;
         // Not the 60 s a busy daemon is given.
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-        EXPECT_NE(out.find("vord is not listening on"), std::string::npos) << out;
-        EXPECT_NE(out.find(c.second), std::string::npos) << out;
+        EXPECT_NE(out.find(c.text), std::string::npos) << out;
     }
     close(bound);
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -21,17 +22,6 @@ namespace vord {
 namespace test {
 
 namespace {
-
-// Polls `done` every 20 ms until it holds or `timeout` has passed.
-template <typename Done>
-bool pollUntil(std::chrono::milliseconds timeout, Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
 
 // True while a socket bound at `path` listens: the unix socket table of the
 // daemon's network namespace (/proc/PID/net/unix) lists it with the
@@ -62,6 +52,55 @@ int shell(const std::string& cmd, std::string* output) {
     int status = pclose(p);
     if (output != nullptr) *output = text;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int vordctl(const TempRoot& root, const std::string& args, std::string* output) {
+    return shell("VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " " + args, output);
+}
+
+int threadCount(pid_t pid) {
+    DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/task").c_str());
+    if (dir == nullptr) return -1;
+    int n = 0;
+    while (dirent* e = readdir(dir)) n += e->d_name[0] != '.';
+    closedir(dir);
+    return n;
+}
+
+Spawned::Spawned(const std::vector<std::string>& argv, const std::string& logPath,
+                 const std::string& vordRoot) {
+    std::vector<std::string> copy = argv;
+    std::vector<char*> args;
+    for (std::string& a : copy) args.push_back(&a[0]);
+    args.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+        const int fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        dup2(fd, STDOUT_FILENO);
+        dup2(fd, STDERR_FILENO);
+        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+        if (!vordRoot.empty()) setenv("VORD_ROOT", vordRoot.c_str(), 1);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+}
+
+int Spawned::stop(int sig) {
+    int status = -1;
+    if (pid_ > 0 && ::kill(pid_, sig) == 0) waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return status;
+}
+
+std::unique_ptr<Spawned> startSimulator(const TempRoot& root, const std::string& rates) {
+    root.writeFile("/sim/rates", rates);
+    auto sim = std::make_unique<Spawned>(
+            std::vector<std::string>{binPath("sla_stats_sim"), "--root", root.path(), "--rates-file",
+                                     root.at("/sim/rates")},
+            root.at("/sim/out.log"));
+    EXPECT_TRUE(waitFor([&] { return root.readFile("/sim/out.log").find("config channel") != std::string::npos; }))
+        << root.readFile("/sim/out.log");
+    return sim;
 }
 
 DaemonProcess::~DaemonProcess() {
@@ -111,12 +150,12 @@ size_t DaemonProcess::countLog(const std::string& needle) const {
 
 bool DaemonProcess::waitForLog(const std::string& needle, std::chrono::milliseconds timeout,
                                size_t times) const {
-    return pollUntil(timeout, [&] { return countLog(needle) >= times; });
+    return waitFor([&] { return countLog(needle) >= times; }, timeout);
 }
 
 bool DaemonProcess::waitUntilServing(std::chrono::milliseconds timeout) const {
     return waitForLog("Created socket success", timeout) &&
-           pollUntil(timeout, [&] { return listening(root_.at("/dev/socket/vord"), pid_); });
+           waitFor([&] { return listening(root_.at("/dev/socket/vord"), pid_); }, timeout);
 }
 
 long DaemonProcess::cpuTimeMs() const {
@@ -146,7 +185,7 @@ bool ControlClient::connect() {
 }
 
 bool ControlClient::connect(std::chrono::milliseconds timeout) {
-    return pollUntil(timeout, [this] { return connect(); });
+    return waitFor([this] { return connect(); }, timeout);
 }
 
 bool ControlClient::send(int id, const std::string& text, int length) {

@@ -1,10 +1,13 @@
 // Runs the real vord binary in a sandbox root and talks to it.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TempRoot.h"
@@ -17,6 +20,41 @@ std::string binPath(const std::string& program);
 // Runs `cmd` through the shell; returns its exit status. Its stdout and stderr
 // together go to `output`, when given.
 int shell(const std::string& cmd, std::string* output = nullptr);
+// Runs `vordctl ARGS` with VORD_ROOT set to `root`; as shell().
+int vordctl(const TempRoot& root, const std::string& args, std::string* output = nullptr);
+// Threads of process `pid`; -1 when it is gone.
+int threadCount(pid_t pid);
+
+// Polls `pred` every 20 ms until it holds or `timeout` has passed.
+template <typename Pred>
+bool waitFor(Pred pred, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+// A child program, its stdout and stderr appended to `logPath`, stdin /dev/null,
+// VORD_ROOT set when `vordRoot` is given. Stopped (SIGTERM) and reaped at the end.
+class Spawned {
+  public:
+    Spawned(const std::vector<std::string>& argv, const std::string& logPath,
+            const std::string& vordRoot = "");
+    ~Spawned() { stop(SIGTERM); }
+    Spawned(const Spawned&) = delete;
+    // Sends `sig` and reaps the child; its wait status (-1 when already reaped).
+    int stop(int sig);
+    pid_t pid() const { return pid_; }
+
+  private:
+    pid_t pid_ = -1;
+};
+
+// Writes `rates` to "/sim/rates" and runs sla_stats_sim on it for `root`, its
+// output in "/sim/out.log"; returns once it serves the config channel.
+std::unique_ptr<Spawned> startSimulator(const TempRoot& root, const std::string& rates);
 
 class DaemonProcess {
   public:
