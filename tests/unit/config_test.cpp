@@ -1,14 +1,13 @@
-// The configuration file, its defaults, and the UID and gateway lists.
-#include <gtest/gtest.h>
+// The store: the configuration file and its quirks, the UID and gateway lists,
+// interface records and mark slots, and the values it refuses, loudly. The log
+// never carries a payload byte that could break a line.
+#include "UnitSupport.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <vord/LogCapture.h>
-#include <vord/RootPath.h>
+#include <tuple>
 
-#include "TempRoot.h"
-#include "config/Parameters.h"
+#include "config/LogText.h"
 
 namespace {
 
@@ -16,14 +15,24 @@ using Strings = std::vector<std::string>;
 
 std::string conf() { return vord::resolvePath("/vendor/etc/sla/vord.conf"); }
 
+// A store read from no configuration file.
+class Store : public ::testing::Test, unittest::NoConf {
+  protected:
+    // A copy of the registered record of `name`; an empty name when there is none.
+    InterfaceInfo_t lookup(const std::string& name) {
+        std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
+        InterfaceInfo_t* r = p.findInterface(name);
+        return r != nullptr ? *r : InterfaceInfo_t{};
+    }
+    Parameters p;
+    vord::LogCapture log;
+};
+
 TEST(Config, CommentCutAndConversionQuirks) {
     using Read = std::string (*)(const Parameters&);
     const Read nHyst = [](const Parameters& p) { return std::to_string(p.getNHyst()); };
-    const struct {
-        const char* text;
-        Read read;
-        const char* expected;
-    } cases[] = {
+    const Read cache = [](const Parameters& p) { return std::to_string(p.getBestEstCacheSize()); };
+    const struct { const char* text; Read read; const char* expected; } cases[] = {
         {"n_hyst=3 # three", nHyst, "3"},
         {"n_hyst=3#three", nHyst, "0"},  // the character before "#" goes with the comment
         {"n_hyst=34#x", nHyst, "3"},
@@ -35,6 +44,8 @@ TEST(Config, CommentCutAndConversionQuirks) {
         {"n_hyst=5\r", nHyst, "5"},
         {"ports=8080\r", [](const Parameters& p) { return p.getPorts(); }, "8080\r"},
         {"protocols=x=y", [](const Parameters& p) { return p.getProtocols(); }, "x=y"},
+        {"best_est_cache_size=1000000000", cache, "3600"},  // clamped
+        {"best_est_cache_size=-5", cache, "-5"},            // negative: the cache is off
     };
     for (const auto& c : cases) {
         vord::test::TempRoot::writeAt(conf(), std::string(c.text) + "\n");
@@ -50,51 +61,110 @@ TEST(Config, MissingFileOrDirectoryKeepsDefaultsAndLogsOneError) {
         vord::LogCapture log;
         Parameters p;
         EXPECT_EQ(log.grep("E/"), Strings{"E/MUX-Vord-SlaParameters: read vord conf file failed!"});
-        EXPECT_EQ(p.get(mini_est_interval), 1000);
-        EXPECT_EQ(p.get(28), 0);
-        EXPECT_EQ(p.get(29), -1);
+        EXPECT_EQ(std::make_tuple(p.get(mini_est_interval), p.get(28), p.get(29)), std::make_tuple(1000, 0, -1));
         char buf[512];
         EXPECT_STREQ(p.getStatsProtocols(buf), "protocols=http,https");
     }
     rmdir(conf().c_str());
 }
 
-TEST(Config, UidListsRefuseOverlongAndNonDecimalEntriesKeepingTheRest) {
-    unlink(conf().c_str());
-    Parameters p;
-    const struct {
-        const char* name;
-        void (Parameters::*set)(const char*);
-        void (Parameters::*parse)();
-        Strings (Parameters::*get)() const;
-    } lists[] = {
-        {"populateSlauidwhitelist", &Parameters::setuidwhitelist,
-         &Parameters::populateSlauidwhitelist, &Parameters::slaUidWhitelist},
-        {"populateDWUidWhitelist", &Parameters::setDWUidWhitelist,
-         &Parameters::populateDWUidWhitelist, &Parameters::dwUidWhitelist},
-        {"populateDDUidWhitelist", &Parameters::setDDUidWhitelist,
-         &Parameters::populateDDUidWhitelist, &Parameters::ddUidWhitelist},
+TEST_F(Store, ListsRefuseOverlongNonDecimalAndRootEntriesKeepingTheRest) {
+    p.setuidwhitelist("1010123,10200,1;2,1 -j ACCEPT,000,123456,10300");
+    p.populateSlauidwhitelist();
+    EXPECT_EQ(p.slaUidWhitelist(), (Strings{"10200", "10300"}));
+    for (const char* line : {"E/MUX-Vord-SlaParameters: populateSlauidwhitelist token length error is 7",
+                             "populateSlauidwhitelist token length error is 11",
+                             "populateSlauidwhitelist refused entry \"1;2\": not a decimal UID",
+                             "populateSlauidwhitelist refused entry \"000\": UID 0 (root) is never steered"})
+        EXPECT_EQ(log.count(line), 1u) << line;
+    // The other lists go by the same rules under their own names; the gaming
+    // list has no length limit.
+    p.setDWUidWhitelist("0,1010123,10400");
+    p.populateDWUidWhitelist();
+    p.setDDUidWhitelist("1;2,10500");
+    p.populateDDUidWhitelist();
+    p.setGamingUids("0,10789,1;2,1012345");
+    p.populateGamingUids();
+    EXPECT_EQ(p.dwUidWhitelist(), Strings{"10400"});
+    EXPECT_EQ(p.ddUidWhitelist(), Strings{"10500"});
+    EXPECT_EQ(p.gamingUidList(), (Strings{"10789", "1012345"}));
+    // Gateways are address literals of at most 16 characters.
+    p.populateWifiGateway("192.168.1.1,2001:db8::1:2:34,2001:db8::1:2:345,192.168.1.1 -j,fe80::1");
+    EXPECT_EQ(p.wifiGateways(), (Strings{"192.168.1.1", "2001:db8::1:2:34", "fe80::1"}));
+}
+
+TEST_F(Store, ParsesNineFieldsAndRefusesOtherCounts) {
+    std::unique_ptr<InterfaceInfo_t, decltype(&free)> r(
+        p.parseInterfaceParams("rmnet_data0,1,table7,0x400000,2,-4,7,1,AABBCCDDEEFF99,"), &free);
+    ASSERT_TRUE(r);  // a trailing comma still makes nine fields; the BSSID is cut to 12 characters
+    EXPECT_EQ(std::string(r->name) + " " + r->routeTable + " " + r->fwmark + " " + r->bssid,
+              "rmnet_data0 table7 0x400000 AABBCCDDEEFF");
+    EXPECT_EQ(std::make_tuple(r->metered, r->isDefault, r->slave, r->cost, r->bias),
+              std::make_tuple(true, true, true, -4, 7));
+    EXPECT_EQ(p.parseInterfaceParams("wlan0,0,wlan0,0x200000,1,0,0,0"), nullptr);
+    EXPECT_EQ(p.parseInterfaceParams("wlan0,0,wlan0,0x200000,1,0,0,0,ffffffffffff,9"), nullptr);
+    EXPECT_EQ(log.count("E/MUX-Vord-SlaParameters: parseInterfaceParams Check vord.conf for interface errors"), 2u);
+    // A table name given in a parameter string is refused as well.
+    EXPECT_EQ(nullptr, p.parseInterfaceParams("wlan0,0,main,0x200000,1,0,0,0,ffffffffffff"));
+}
+
+TEST_F(Store, MarkSlotsAreReusedAndAFifthInterfaceSharesTheFirst) {
+    const std::pair<const char*, const char*> sequence[] = {
+        {"wlan0", "0x200000"}, {"wlan0", "0x200000"},  {"rmnet_data0", "0x400000"},
+        {nullptr, "wlan0"},  // released
+        {"wlan1", "0x200000"}, {"ccmni0", "0x600000"}, {"ccmni1", "0x800000"},
+        {"wwan0", "0x200000"},  // a fifth interface
     };
-    for (const auto& l : lists) {
-        vord::LogCapture log;
-        (p.*l.set)("1010123,10200,1;2,1 -j ACCEPT,10300");
-        (p.*l.parse)();
-        EXPECT_EQ((p.*l.get)(), (Strings{"10200", "10300"})) << l.name;
-        const std::string name = l.name;
-        EXPECT_EQ(log.count("E/MUX-Vord-SlaParameters: " + name + " token length error is 7"), 1u);
-        EXPECT_EQ(log.count(name + " token length error is 11"), 1u);
-        EXPECT_EQ(log.count(name + " refused entry \"1;2\""), 1u);
+    for (const auto& step : sequence) {
+        if (step.first == nullptr) {
+            p.releaseValidInterfaceMark(step.second);
+            continue;
+        }
+        EXPECT_EQ(p.getValidInterfaceMark(step.first), step.second) << step.first;
     }
 }
 
-TEST(Config, GatewaysAreAddressLiteralsOfAtMostSixteenCharacters) {
-    unlink(conf().c_str());
-    Parameters p;
-    vord::LogCapture log;
-    p.populateWifiGateway("192.168.1.1,2001:db8::1:2:34,2001:db8::1:2:345,192.168.1.1 -j,fe80::1");
-    EXPECT_EQ(p.wifiGateways(), (Strings{"192.168.1.1", "2001:db8::1:2:34", "fe80::1"}));
-    EXPECT_EQ(log.count("populateWifiGateway token length error is 17"), 1u);
-    EXPECT_EQ(log.count("populateWifiGateway refused entry \"192.168.1.1 -j\""), 1u);
+// Kernel route tables (by name or number), over-long names and text that
+// would add arguments to a rule command.
+TEST_F(Store, UnmanageableNamesTakeNoSlotAndNoRecord) {
+    for (const char* name : {"local", "main", "default", "unspec", "255", "0", "0x1f", "0XFF", "017", "rmnet_data123",
+                             "ccmni_long_nm", "wlan0\n", "wlan0 -j DROP", "wlan0;reboot", "a/b", "-o"}) {
+        p.UpdateInterface(name, true);
+        EXPECT_STREQ("", lookup(name).name) << name;
+        EXPECT_EQ(1u, log.count("UpdateInterface refused interface \"" + vord::escapeForLog(name))) << name;
+    }
+    for (const interfaceMark& m : p.markSlots()) EXPECT_TRUE(m.available);
+    for (const char* name : {"mainx", "0xg1", "rmnet_data12"}) {  // 12 characters: the longest
+        p.UpdateInterface(name, true);
+        EXPECT_STREQ(name, lookup(name).name);
+    }
+}
+
+TEST_F(Store, ModeAndBssidUpdateRecordsInPlace) {
+    for (const char* name : {"wlan0", "wlan1", "rmnet_data0"}) p.UpdateInterface(name, true);
+    for (const char* mode : {"", "x", "1,9", "-1", "1 ", "1234567890"}) p.UpdateInterfaceMode(mode);
+    EXPECT_EQ(6u, log.count("UpdateInterfaceMode refused mode"));
+    EXPECT_EQ("1", p.getInterfaceMode());
+    p.UpdateInterfaceMode("0");
+    EXPECT_FALSE(lookup("rmnet_data0").metered);
+    p.UpdateInterface("rmnet_data1", true);  // later cellular records take the mode too
+    EXPECT_FALSE(lookup("rmnet_data1").metered);
+    p.UpdateInterfaceMode("1");
+    EXPECT_TRUE(lookup("rmnet_data0").metered);
+    EXPECT_FALSE(lookup("wlan0").metered);  // only cellular records change
+
+    p.UpdateInterfaceBssid("AA:BB:CC:DD:EE:FF,11:22:33:44:55:66");
+    EXPECT_EQ(std::string(lookup("wlan0").bssid) + " " + lookup("wlan1").bssid + " " + lookup("rmnet_data0").bssid,
+              "AABBCCDDEEFF 112233445566 ffffffffffff");
+    p.UpdateInterfaceBssid("aa:bb:cc:dd:ee:00,11:22:33:44:55:66:7");
+    EXPECT_STREQ(lookup("wlan0").bssid, "AABBCCDDEEFF");
+}
+
+TEST(LogText, EscapesEverythingThatCouldBreakOrForgeALine) {
+    EXPECT_EQ("wlan0,10123", vord::escapeForLog("wlan0,10123"));
+    EXPECT_EQ("a\\x0aE/MUX-Vord-daemon: x", vord::escapeForLog("a\nE/MUX-Vord-daemon: x"));
+    EXPECT_EQ("\\x0d\\x1b[2J\\x7f\\xff\\\\", vord::escapeForLog("\r\x1b[2J\x7f\xff\\"));
+    EXPECT_EQ("abc...", vord::escapeForLog("abcdef", 3));
 }
 
 }  // namespace
