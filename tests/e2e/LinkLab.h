@@ -19,10 +19,7 @@
 
 #include <dirent.h>
 #include <errno.h>
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -30,7 +27,6 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "DaemonProcess.h"
@@ -38,54 +34,24 @@
 namespace vord {
 namespace test {
 
-// An application client inside the lab (vord-linklab client), one line per
-// event: "connected local=A:P peer=A:P link=L", "connection aborted: ERRNO",
+// A process in the lab (an application client: vord-linklab client), one line
+// per event: "connected local=A:P peer=A:P link=L", "connection aborted: ERRNO",
 // "reconnected local=A:P peer=A:P link=L", "connect failed: ERRNO".
-class LabClient {
+class LabClient : public Spawned {
   public:
-    explicit LabClient(const std::vector<std::string>& args) {
-        static int counter = 0;
-        out_ = "/tmp/vord-labclient-" + std::to_string(getpid()) + "-" + std::to_string(counter++) +
-               ".log";
-        std::vector<std::string> copy = args;
-        std::vector<char*> argv;
-        for (std::string& a : copy) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        pid_ = fork();
-        if (pid_ == 0) {
-            const int fd = open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-            dup2(fd, STDOUT_FILENO);
-            dup2(fd, STDERR_FILENO);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-    }
+    explicit LabClient(const std::vector<std::string>& args, const std::string& out = newOutput())
+        : Spawned(args, out), out_(out) {}
     ~LabClient() {
-        stop();
+        stop(SIGKILL);
         unlink(out_.c_str());
     }
-    LabClient(const LabClient&) = delete;
-    LabClient& operator=(const LabClient&) = delete;
 
-    pid_t pid() const { return pid_; }
-    void stop() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        pid_ = -1;
-    }
     std::string output() const { return readWholeFile(out_); }
-    std::vector<std::string> lines() const {
-        std::vector<std::string> out;
-        std::istringstream text(output());
-        for (std::string l; std::getline(text, l);) out.push_back(l);
-        return out;
-    }
     // Lines that begin with `prefix`.
     std::vector<std::string> linesStartingWith(const std::string& prefix) const {
         std::vector<std::string> out;
-        for (const std::string& l : lines()) {
+        std::istringstream text(output());
+        for (std::string l; std::getline(text, l);) {
             if (l.compare(0, prefix.size(), prefix) == 0) out.push_back(l);
         }
         return out;
@@ -93,13 +59,9 @@ class LabClient {
     // Waits until at least `nth` lines begin with `prefix`; returns the nth.
     std::string waitForLine(const std::string& prefix, std::chrono::milliseconds timeout,
                             size_t nth = 1) const {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            const std::vector<std::string> found = linesStartingWith(prefix);
-            if (found.size() >= nth) return found[nth - 1];
-            if (std::chrono::steady_clock::now() > deadline) return "";
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
+        std::vector<std::string> found;
+        waitFor([&] { return (found = linesStartingWith(prefix)).size() >= nth; }, timeout);
+        return found.size() >= nth ? found[nth - 1] : "";
     }
     // The "link=" field of a "connected"/"reconnected" line.
     static std::string linkOf(const std::string& line) {
@@ -108,8 +70,11 @@ class LabClient {
     }
 
   private:
+    static std::string newOutput() {
+        static int counter = 0;
+        return "/tmp/vord-labclient-" + std::to_string(getpid()) + "-" + std::to_string(counter++) + ".log";
+    }
     std::string out_;
-    pid_t pid_ = -1;
 };
 
 class LinkLab {
@@ -146,12 +111,11 @@ class LinkLab {
     LinkLab& operator=(const LinkLab&) = delete;
 
     const std::string& name() const { return name_; }
-    std::string peerName() const { return name_ + "-peer"; }
     // Empty when the lab was built; else the failed command and its output.
     const std::string& error() const { return error_; }
     // Removes the lab (idempotent); true when nothing is left and the relay
     // exited without a sanitizer report.
-    bool down() { return shell(tool() + " down " + name_) == 0; }
+    bool down() { return run("down " + name_); }
 
     bool cut(const std::string& link) const { return run("cut " + name_ + " " + link); }
     bool restore(const std::string& link) const { return run("restore " + name_ + " " + link); }
@@ -171,22 +135,14 @@ class LinkLab {
     // The servers' log: "echo|app accept|close peer=A:P link=L" lines.
     std::string connectionLog() const { return output("log " + name_); }
 
-    // Output (stdout and stderr) of `cmd` run in the handset namespace; `cmd`
-    // goes through the shell first, so pipes run outside.
-    std::string exec(const std::string& cmd) const {
-        return output("exec " + name_ + " -- " + cmd);
+    // Output (stdout and stderr) of `cmd` run in the handset namespace (or the
+    // peer's); `cmd` goes through the shell first, so pipes run outside.
+    std::string exec(const std::string& cmd, bool peer = false) const {
+        return output("exec " + name_ + (peer ? " --peer" : "") + " -- " + cmd);
     }
-    std::string execPeer(const std::string& cmd) const {
-        return output("exec " + name_ + " --peer -- " + cmd);
-    }
-    // Prefix that runs a program inside the handset namespace, as `uid` when >= 0
-    // (for DaemonProcess::setCommandPrefix).
-    std::vector<std::string> commandPrefix(int uid = -1) const {
-        std::vector<std::string> p = {tool(), "exec", name_};
-        if (uid >= 0) p.insert(p.end(), {"--uid", std::to_string(uid)});
-        p.push_back("--");
-        return p;
-    }
+    // Prefix that runs a program inside the handset namespace (for
+    // DaemonProcess::setCommandPrefix).
+    std::vector<std::string> commandPrefix() const { return {tool(), "exec", name_, "--"}; }
     // Installs the rule tools in `root`: the real iptables and ip, run in the lab.
     void installTools(const TempRoot& root) const {
         for (const std::string t : {"iptables", "ip"}) {
@@ -195,15 +151,9 @@ class LinkLab {
         }
     }
 
-    // The kernel's smoothed RTT (µs) of a TCP connection bound to `link` after
-    // `exchanges` echoed 58-byte exchanges with the probe server; -1 on failure.
-    long probeRttUs(const std::string& link, int exchanges = 10, int timeoutMs = 2000) const {
-        return field(probe(link, "--exchanges " + std::to_string(exchanges) + " --timeout " +
-                                     std::to_string(timeoutMs)),
-                     "rtt_us");
-    }
     // The line of `vord-linklab probe NAME LINK ARGS`: "link=L local=A:P rtt_us=N
-    // min_rtt_us=N rttvar_us=N exchanges=N elapsed_ms=N", or an error text.
+    // min_rtt_us=N rttvar_us=N exchanges=N elapsed_ms=N", or an error text. By
+    // default ten echoed 58-byte exchanges with the probe server.
     std::string probe(const std::string& link, const std::string& args = "") const {
         return output("probe " + name_ + " " + link + " " + args);
     }
@@ -213,14 +163,11 @@ class LinkLab {
         return at == std::string::npos ? -1 : std::atol(line.c_str() + at + name.size() + 2);
     }
 
-    // An application client running as `uid` in the handset namespace,
-    // talking to the application server (or `server`, "ADDR:PORT").
-    std::unique_ptr<LabClient> startClient(int uid, const std::string& server = "",
-                                           int intervalMs = 100) const {
-        std::vector<std::string> args = {tool(), "client", name_, "--uid", std::to_string(uid)};
-        args.insert(args.end(), {"--interval", std::to_string(intervalMs)});
-        if (!server.empty()) args.insert(args.end(), {"--server", server});
-        return std::make_unique<LabClient>(args);
+    // An application client running as `uid` in the handset namespace, talking
+    // to the application server every 100 ms.
+    std::unique_ptr<LabClient> startClient(int uid) const {
+        return std::make_unique<LabClient>(std::vector<std::string>{
+                tool(), "client", name_, "--uid", std::to_string(uid), "--interval", "100"});
     }
 
     static std::string tool() { return binPath("vord-linklab"); }
@@ -249,6 +196,39 @@ class LinkLab {
     }
 
     std::string name_, error_;
+};
+
+// Fixture: a lab, and a daemon running inside it with the real rule tools.
+// Skipped, loudly, where no lab can be built.
+class LabTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        const std::string why = LinkLab::unavailable();
+        if (!why.empty()) GTEST_SKIP() << "*** SKIPPED: " << why << " ***";
+    }
+    // Use with ASSERT_NO_FATAL_FAILURE, as startDaemon.
+    void buildLab(const std::vector<LinkLab::Link>& links, const std::string& defaultLink = "") {
+        lab = std::make_unique<LinkLab>(links, defaultLink);
+        ASSERT_EQ(lab->error(), "");
+        lab->installTools(root);
+    }
+    // Writes `conf`, starts a daemon in the lab and waits until it serves.
+    void startDaemon(const std::string& conf) {
+        root.writeConf(conf);
+        daemon = std::make_unique<DaemonProcess>(root);
+        daemon->setCommandPrefix(lab->commandPrefix());
+        daemon->start();
+        ASSERT_TRUE(daemon->waitUntilServing(std::chrono::seconds(20))) << daemon->log();
+    }
+    void vordctl(const std::string& args) {
+        std::string out;
+        ASSERT_EQ(0, test::vordctl(root, args, &out)) << args << ": " << out;
+    }
+    std::string mangle() const { return lab->exec("iptables-save -t mangle"); }
+
+    TempRoot root;
+    std::unique_ptr<LinkLab> lab;
+    std::unique_ptr<DaemonProcess> daemon;
 };
 
 }  // namespace test

@@ -1,47 +1,25 @@
-// The rule tree in a real (namespaced) network stack, driven through the daemon.
+// The rule tree in a real (namespaced) network stack, driven through the daemon:
+// the base tree, a second daemon after a killed one, the whitelist entry chain,
+// the per-interface rules as interfaces come and go, and nothing left after stop.
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <sstream>
-#include <thread>
 #include <vector>
 
-#include "NetNamespace.h"
+#include "LinkLab.h"
 
-namespace vord {
-namespace test {
 namespace {
+
+using namespace vord::test;
 
 using Strings = std::vector<std::string>;
 
-class RulesE2E : public ::testing::Test {
+class RulesE2E : public LabTest {
   protected:
-    void SetUp() override {
-        if (geteuid() != 0) GTEST_SKIP() << "network namespaces and iptables need root";
-        ns = std::make_unique<NetNamespace>();
-        ASSERT_EQ(ns->error(), "") << "network namespace set-up failed";
-        ns->installTools(root);
-        root.writeConf("mini_est_interval=100\n");  // a short loop period: a quick stop
-    }
-
-    // Starts a daemon, the `nth` in this root's log, and waits until it serves,
-    // which it does only after the base tree is built.
-    std::unique_ptr<DaemonProcess> startDaemon(size_t nth = 1) {
-        auto d = std::make_unique<DaemonProcess>(root);
-        d->start();
-        EXPECT_TRUE(d->waitForLog("Created socket success", std::chrono::seconds(20), nth))
-            << d->log();
-        return d;
-    }
-    void vordctl(const std::string& command, const std::string& payload) {
-        std::string out;
-        ASSERT_EQ(test::vordctl(root, command + " '" + payload + "'", &out), 0) << out;
-    }
-
     // The lines of `cmd`'s output that begin with `head`, without it.
     Strings linesAfter(const std::string& cmd, const std::string& head) const {
         Strings out;
-        std::istringstream text(ns->exec(cmd));
+        std::istringstream text(lab->exec(cmd));
         for (std::string l; std::getline(text, l);) {
             if (l.compare(0, head.size(), head) == 0) out.push_back(l.substr(head.size()));
         }
@@ -67,28 +45,29 @@ class RulesE2E : public ::testing::Test {
         EXPECT_EQ(rules("mangle", "OUTPUT"), (Strings{"-j vexo_MUX_wapper"}));
         EXPECT_EQ(rules("nat", "POSTROUTING"), (Strings{"-j vexo_nat_POSTROUTING_MUX"}));
     }
-    void stopAndExpectNothingLeft(DaemonProcess& daemon) const {
-        ASSERT_TRUE(daemon.stopThroughProperty()) << daemon.log();
-        EXPECT_EQ(ns->exec("iptables-save | grep vexo_"), "");
-        EXPECT_EQ(fwmarkRules(), Strings{});
-    }
-
-    TempRoot root;
-    std::unique_ptr<NetNamespace> ns;
 };
 
-TEST_F(RulesE2E, BaseTreeSurvivesAKilledDaemonAndGoesAwayOnStop) {
-    auto first = startDaemon();
+TEST_F(RulesE2E, BaseTreeWhitelistAndInterfaceRulesComeAndGo) {
+    ASSERT_NO_FATAL_FAILURE(buildLab({{"wlan0", 0}, {"wlan1", 0}, {"rmnet_data0", 0}}));
+    // Block files the daemon maps at once.
+    for (const char* name : {"wlan0", "wlan1", "rmnet_data0"}) {
+        root.writeFile(std::string("/proc/sla/") + name + "_mmap", std::string(20480, '\0'));
+    }
+    const std::string conf = "mini_est_interval=100\nuid_whitelist=10123,10456\n";
+    ASSERT_NO_FATAL_FAILURE(startDaemon(conf));  // it serves once the base tree is built
     expectBaseTree();
-    first->kill();
-    auto second = startDaemon(2);
+    daemon->kill();
+    ASSERT_NO_FATAL_FAILURE(startDaemon(conf));
     expectBaseTree();  // still one hook of each kind
-    stopAndExpectNothingLeft(*second);
-}
 
-TEST_F(RulesE2E, InterfaceListBuildsAndRemovesPerInterfaceRules) {
-    auto daemon = startDaemon();
-    vordctl("ifaces", "wlan0,wlan1,rmnet_data0");
+    vordctl("gateway 192.168.1.1");
+    const Strings entry{"-d 192.168.1.1/32 -j RETURN", "-m owner --uid-owner 10123 -j vexo_MUX",
+                        "-m owner --uid-owner 10456 -j vexo_MUX"};
+    // No log line follows the last command of the rebuild: poll the chain.
+    EXPECT_TRUE(waitFor([&] { return rules("mangle", "vexo_MUX_wapper") == entry; }))
+        << ::testing::PrintToString(rules("mangle", "vexo_MUX_wapper"));
+
+    vordctl("ifaces wlan0,wlan1,rmnet_data0");
     ASSERT_TRUE(daemon->waitForLog("preinterfacelist is rmnet_data0")) << daemon->log();
     const Strings names{"wlan0", "wlan1", "rmnet_data0"}, marks{"0x200000", "0x400000", "0x600000"};
     Strings fwmarks, masquerades;
@@ -103,10 +82,10 @@ TEST_F(RulesE2E, InterfaceListBuildsAndRemovesPerInterfaceRules) {
     }
     EXPECT_EQ(fwmarkRules(), fwmarks);
     EXPECT_EQ(rules("nat", "vexo_nat_POSTROUTING_MUX"), masquerades);
+    EXPECT_EQ(rules("mangle", "vexo_MUX_wapper"), entry);
 
-    vordctl("ifaces", "wlan0");
-    ASSERT_TRUE(daemon->waitForLog("preinterfacelist is wlan0", std::chrono::seconds(10), 2))
-        << daemon->log();
+    vordctl("ifaces wlan0");
+    ASSERT_TRUE(daemon->waitForLog("preinterfacelist is wlan0", std::chrono::seconds(10), 2)) << daemon->log();
     for (const char* gone : {"vexo_fw_wlan1", "vexo_fw_wlan1_wrapper", "vexo_fw_rmnet_data0",
                              "vexo_fw_rmnet_data0_wrapper"}) {
         EXPECT_FALSE(hasChain(gone)) << gone;
@@ -114,33 +93,18 @@ TEST_F(RulesE2E, InterfaceListBuildsAndRemovesPerInterfaceRules) {
     EXPECT_EQ(rules("mangle", "vexo_fw_wlan0").size(), 3u);
     // The removal empties the cascade; the next ratio evaluation may already have
     // rewritten it, for the remaining link only.
-    std::string log = daemon->log();
-    size_t removal = log.find("remove Interfaces is wlan1");
-    ASSERT_NE(removal, std::string::npos);
-    EXPECT_NE(log.find("iptables-wrapper-1.0 -w -t mangle -F vexo_SLA", removal), std::string::npos);
+    const std::string log = daemon->log();
+    EXPECT_NE(log.find("iptables-wrapper-1.0 -w -t mangle -F vexo_SLA", log.find("remove Interfaces is wlan1")),
+              std::string::npos);
     for (const std::string& rule : rules("mangle", "vexo_SLA")) {
         EXPECT_NE(rule.find("-j vexo_fw_wlan0"), std::string::npos) << rule;
     }
     EXPECT_EQ(rules("nat", "vexo_nat_POSTROUTING_MUX"), (Strings{masquerades[0]}));
     EXPECT_EQ(fwmarkRules(), (Strings{fwmarks[0]}));
-    stopAndExpectNothingLeft(*daemon);
-}
 
-TEST_F(RulesE2E, GatewayAndUidWhitelistFillTheEntryChain) {
-    root.writeConf("mini_est_interval=100\nuid_whitelist=10123,10456\n");
-    auto daemon = startDaemon();
-    vordctl("gateway", "192.168.1.1");
-    const Strings expected{"-d 192.168.1.1/32 -j RETURN", "-m owner --uid-owner 10123 -j vexo_MUX",
-                           "-m owner --uid-owner 10456 -j vexo_MUX"};
-    // No log line follows the last command of the rebuild: poll the chain.
-    Strings seen;
-    for (int i = 0; i < 200 && (seen = rules("mangle", "vexo_MUX_wapper")) != expected; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    EXPECT_EQ(seen, expected) << daemon->log();
-    stopAndExpectNothingLeft(*daemon);
+    ASSERT_TRUE(daemon->stopThroughProperty()) << daemon->log();
+    EXPECT_EQ(lab->exec("iptables-save | grep vexo_"), "");
+    EXPECT_EQ(fwmarkRules(), Strings{});
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace vord

@@ -1,5 +1,5 @@
-// The real daemon: its control channel over the real socket, vordctl, the
-// evaluation loop's period and its stop property.
+// The real daemon: its control channel over the real socket, the evaluation
+// loop's period and its stop property (a loop period of 0: status_snapshot_test).
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,11 +7,11 @@
 
 #include "DaemonTest.h"
 
-namespace vord {
-namespace test {
 namespace {
 
-TEST_F(DaemonTest, SocketFileIsReplacedOpenedToAllAndRecreatedAfterAHangUp) {
+using namespace vord::test;
+
+TEST_F(DaemonTest, SocketFileIsReplacedOpenedToAllRecreatedAndStoppedByANumericTwo) {
     const std::string path = root.at("/dev/socket/vord");
     ASSERT_EQ(mknod(path.c_str(), S_IFSOCK | 0600, 0), 0);  // stale: nobody listens
     ASSERT_NO_FATAL_FAILURE(startDaemon());
@@ -28,41 +28,19 @@ TEST_F(DaemonTest, SocketFileIsReplacedOpenedToAllAndRecreatedAfterAHangUp) {
     ASSERT_TRUE(client.connect(std::chrono::seconds(10)) && client.send(12, "second"));
     ASSERT_TRUE(daemon.waitForLog("msg.message=[second]")) << daemon.log();
 
-    // Stopped while serving: the thread ends, the socket serves no one, the process idles.
-    ASSERT_TRUE(daemon.stopThroughProperty()) << daemon.log();
+    // "x" reads as 0: the loop runs on, sleeping its period.
+    root.setProperty("vendor.sla.enabled", "x");
+    const long cpu = daemon.cpuTimeMs();
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));  // several loop periods
+    EXPECT_LT(daemon.cpuTimeMs() - cpu, 50);
+    EXPECT_EQ(daemon.countLog("Mux disabled"), 0u);
+    // "2abc" reads as 2. Stopped while serving a client: the thread ends, the
+    // socket serves no one, the process idles.
+    root.setProperty("vendor.sla.enabled", "2abc");
+    ASSERT_TRUE(daemon.waitForLog("Vord exiting")) << daemon.log();
     EXPECT_EQ(daemon.countLog("socket Thread exit"), 1u);
     EXPECT_FALSE(ControlClient(root).connect());
     EXPECT_TRUE(daemon.alive());
 }
 
-TEST(DaemonLoop, ZeroIntervalRunsTheLoopWithoutSleeping) {
-    for (bool zero : {true, false}) {
-        SCOPED_TRACE(zero ? "mini_est_interval=0" : "default interval");
-        TempRoot root;
-        DaemonProcess daemon(root);
-        if (zero) root.writeConf("mini_est_interval=0\n");
-        daemon.start();
-        ASSERT_TRUE(daemon.waitUntilServing()) << daemon.log();
-        const long before = daemon.cpuTimeMs();
-        std::this_thread::sleep_for(std::chrono::seconds(1));
-        const long used = daemon.cpuTimeMs() - before;
-        // usleep(0) still costs the timer slack (about 50 us) per iteration, and
-        // the machine may be busy: a spinning loop shows well over 100 ms.
-        EXPECT_TRUE(zero ? used > 100 : used < 50) << used << " ms";
-    }
-}
-
-TEST_F(DaemonTest, OnlyANumericTwoInThePropertyStopsTheDaemon) {
-    ASSERT_NO_FATAL_FAILURE(startDaemon());
-    root.setProperty("vendor.sla.enabled", "x");  // reads as 0
-    std::this_thread::sleep_for(std::chrono::milliseconds(600));  // several loop periods
-    EXPECT_EQ(daemon.countLog("Mux disabled"), 0u);
-    root.setProperty("vendor.sla.enabled", "2abc");  // reads as 2
-    EXPECT_TRUE(daemon.waitForLog("Vord exiting")) << daemon.log();
-    EXPECT_FALSE(client.connect());  // stopped while accepting
-    EXPECT_TRUE(daemon.alive());
-}
-
 }  // namespace
-}  // namespace test
-}  // namespace vord

@@ -9,51 +9,38 @@
 
 #include "DaemonTest.h"
 
-namespace vord {
-namespace test {
 namespace {
 
-// The rule tool stand-in records every command and takes `seconds` over the one
-// that creates wlan0's mark chain, so that adding wlan0 keeps the control thread
-// busy that long.
-void installSlowTool(const TempRoot& root, int seconds) {
-    root.writeFile("/system/bin/iptables-wrapper-1.0",
-                   "#!/bin/sh\necho \"$*\" >> '" + root.at("/record/commands") +
-                       "'\ncase \"$*\" in *'-N vexo_fw_wlan0') sleep " + std::to_string(seconds) +
-                       ";; esac\n",
-                   0755);
-    root.installRecordingTool("ip-wrapper-1.0");
-    root.writeFile("/proc/sla/wlan0_mmap", std::string(20480, '\0'));  // mapped at once
-}
+using namespace vord::test;
 
 TEST_F(DaemonTest, VordctlWaitsThroughABusyDaemonUpToItsTimeout) {
-    installSlowTool(root, 3);
+    // The rule tool stand-in takes 3 s over the command that creates wlan0's mark
+    // chain, so that adding wlan0 keeps the control thread busy that long.
+    root.writeFile("/system/bin/iptables-wrapper-1.0",
+                   "#!/bin/sh\ncase \"$*\" in *'-N vexo_fw_wlan0') sleep 3;; esac\n", 0755);
+    root.writeFile("/proc/sla/wlan0_mmap", std::string(20480, '\0'));  // mapped at once
     ASSERT_NO_FATAL_FAILURE(startDaemon());
     std::string first;
     ASSERT_EQ(vordctl(root, "ifaces wlan0", &first), 0) << first;  // read at once, then runs 3 s
     ASSERT_TRUE(daemon.waitForLog("add Interfaces is wlan0")) << daemon.log();
 
     // Behind it: one client with the default timeout, one that gives up after 1 s.
-    std::string impatient;
+    std::string impatient, patient;
     int impatientStatus = 0;
     std::thread other([&] { impatientStatus = vordctl(root, "--timeout 1 rtt 7", &impatient); });
-    std::string patient;
     EXPECT_EQ(vordctl(root, "rtt 42", &patient), 0) << patient << daemon.log();
     other.join();
-    EXPECT_NE(patient.find("vord is busy (serving another client or a long command); waiting up "
-                           "to 60 s"),
+    EXPECT_NE(patient.find("vord is busy (serving another client or a long command); waiting up to 60 s"),
               std::string::npos)
         << patient;
     EXPECT_NE(impatientStatus, 0);
     EXPECT_NE(impatient.find("within 1 s"), std::string::npos) << impatient;
     EXPECT_NE(impatient.find("--timeout"), std::string::npos) << impatient;
-
     // Served once, after the long command ran to its end.
-    const std::string log = daemon.log();
     EXPECT_EQ(daemon.countLog("msg.message=[42]"), 1u);
-    EXPECT_LT(log.find("-A vexo_nat_POSTROUTING_MUX -o wlan0 -j MASQUERADE"),
-              log.find("msg.message=[42]"))
-        << log;
+    EXPECT_EQ("", missingInOrder(daemon.log(), {"-A vexo_nat_POSTROUTING_MUX -o wlan0 -j MASQUERADE",
+                                                "msg.message=[42]"}))
+        << daemon.log();
 }
 
 TEST(Vordctl, HelpRefusalsAndNothingListening) {
@@ -64,7 +51,7 @@ TEST(Vordctl, HelpRefusalsAndNothingListening) {
         EXPECT_NE(out.find(std::string("  ") + name + " "), std::string::npos) << name;
     }
     // A socket file that nobody listens on: bound, never listening.
-    int bound = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int bound = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     const std::string stale = root.at("/stale.sock");
@@ -92,5 +79,3 @@ TEST(Vordctl, HelpRefusalsAndNothingListening) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace vord

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,7 +15,6 @@
 
 #include <algorithm>
 #include <sstream>
-#include <thread>
 
 #include "control/msg.h"
 
@@ -58,6 +58,29 @@ int vordctl(const TempRoot& root, const std::string& args, std::string* output) 
     return shell("VORD_ROOT=" + root.path() + " " + binPath("vordctl") + " " + args, output);
 }
 
+size_t countOf(const std::string& text, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+    return n;
+}
+
+std::vector<double> numbersAfter(const std::string& text, const std::string& key) {
+    std::vector<double> out;
+    for (size_t at = text.find(key); at != std::string::npos; at = text.find(key, at + 1)) {
+        out.push_back(atof(text.c_str() + at + key.size()));
+    }
+    return out;
+}
+
+std::string missingInOrder(const std::string& text, const std::vector<std::string>& needles) {
+    size_t from = 0;
+    for (const std::string& needle : needles) {
+        if ((from = text.find(needle, from)) == std::string::npos) return needle;
+        ++from;
+    }
+    return "";
+}
+
 int threadCount(pid_t pid) {
     DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/task").c_str());
     if (dir == nullptr) return -1;
@@ -75,10 +98,9 @@ Spawned::Spawned(const std::vector<std::string>& argv, const std::string& logPat
     args.push_back(nullptr);
     pid_ = fork();
     if (pid_ == 0) {
-        const int fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        dup2(fd, STDOUT_FILENO);
-        dup2(fd, STDERR_FILENO);
-        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+        dup2(open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644), STDOUT_FILENO);
+        dup2(STDOUT_FILENO, STDERR_FILENO);
+        dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
         if (!vordRoot.empty()) setenv("VORD_ROOT", vordRoot.c_str(), 1);
         execv(args[0], args.data());
         _exit(127);
@@ -90,6 +112,11 @@ int Spawned::stop(int sig) {
     if (pid_ > 0 && ::kill(pid_, sig) == 0) waitpid(pid_, &status, 0);
     pid_ = -1;
     return status;
+}
+
+bool Spawned::alive() {
+    if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
+    return pid_ > 0;
 }
 
 std::unique_ptr<Spawned> startSimulator(const TempRoot& root, const std::string& rates) {
@@ -113,39 +140,9 @@ DaemonProcess::~DaemonProcess() {
 }
 
 void DaemonProcess::start() {
-    const std::string logPath = root_.at("/vord.log");
     std::vector<std::string> args = prefix_;
     args.push_back(binPath("vord"));
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_ = fork();
-    if (pid_ != 0) return;
-    int fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    dup2(fd, STDOUT_FILENO);
-    dup2(fd, STDERR_FILENO);
-    setenv("VORD_ROOT", root_.path().c_str(), 1);
-    execvp(argv[0], argv.data());
-    _exit(127);
-}
-
-bool DaemonProcess::alive() {
-    if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
-    return pid_ > 0;
-}
-
-void DaemonProcess::kill() {
-    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-}
-
-size_t DaemonProcess::countLog(const std::string& needle) const {
-    const std::string text = log();
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
-        ++n;
-    }
-    return n;
+    proc_ = std::make_unique<Spawned>(args, root_.at("/vord.log"), root_.path());
 }
 
 bool DaemonProcess::waitForLog(const std::string& needle, std::chrono::milliseconds timeout,
@@ -155,11 +152,11 @@ bool DaemonProcess::waitForLog(const std::string& needle, std::chrono::milliseco
 
 bool DaemonProcess::waitUntilServing(std::chrono::milliseconds timeout) const {
     return waitForLog("Created socket success", timeout) &&
-           waitFor([&] { return listening(root_.at("/dev/socket/vord"), pid_); }, timeout);
+           waitFor([&] { return listening(root_.at("/dev/socket/vord"), pid()); }, timeout);
 }
 
 long DaemonProcess::cpuTimeMs() const {
-    const std::string stat = readWholeFile("/proc/" + std::to_string(pid_) + "/stat");
+    const std::string stat = readWholeFile("/proc/" + std::to_string(pid()) + "/stat");
     // The fields after the command name start at field 3; utime is 14, stime 15.
     std::istringstream fields(stat.substr(stat.rfind(')') + 2));
     std::string skipped;
@@ -184,22 +181,16 @@ bool ControlClient::connect() {
     return fd_ >= 0;
 }
 
-bool ControlClient::connect(std::chrono::milliseconds timeout) {
-    return waitFor([this] { return connect(); }, timeout);
-}
-
 bool ControlClient::send(int id, const std::string& text, int length) {
-    msg_t msg;
-    memset(&msg, 0, sizeof(msg));
+    msg_t msg{};
     msg.id = id;
     msg.length = length >= 0 ? length : static_cast<int>(text.size());
     memcpy(msg.message, text.data(), std::min(text.size(), sizeof(msg.message)));
-    return fd_ >= 0 && ::send(fd_, &msg, sizeof(msg), MSG_NOSIGNAL) == sizeof(msg);
+    return sendRaw(std::string(reinterpret_cast<const char*>(&msg), sizeof(msg)));
 }
 
 bool ControlClient::sendRaw(const std::string& bytes) {
-    return fd_ >= 0 && ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-                           static_cast<ssize_t>(bytes.size());
+    return fd_ >= 0 && ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
 void ControlClient::close() {

@@ -24,6 +24,13 @@ int shell(const std::string& cmd, std::string* output = nullptr);
 int vordctl(const TempRoot& root, const std::string& args, std::string* output = nullptr);
 // Threads of process `pid`; -1 when it is gone.
 int threadCount(pid_t pid);
+// Occurrences of `needle` in `text`.
+size_t countOf(const std::string& text, const std::string& needle);
+// The numbers that follow each occurrence of `key` in `text`.
+std::vector<double> numbersAfter(const std::string& text, const std::string& key);
+// The first of `needles` that `text` lacks after the one before it; "" when
+// all are there, in that order.
+std::string missingInOrder(const std::string& text, const std::vector<std::string>& needles);
 
 // Polls `pred` every 20 ms until it holds or `timeout` has passed.
 template <typename Pred>
@@ -46,6 +53,7 @@ class Spawned {
     Spawned(const Spawned&) = delete;
     // Sends `sig` and reaps the child; its wait status (-1 when already reaped).
     int stop(int sig);
+    bool alive();
     pid_t pid() const { return pid_; }
 
   private:
@@ -70,12 +78,14 @@ class DaemonProcess {
     void setCommandPrefix(std::vector<std::string> prefix) { prefix_ = std::move(prefix); }
     // Starts vord with VORD_ROOT set; stdout and stderr go to "<root>/vord.log".
     void start();
-    bool alive();
-    pid_t pid() const { return pid_; }
-    void kill();
+    bool alive() { return proc_ && proc_->alive(); }
+    pid_t pid() const { return proc_ ? proc_->pid() : -1; }
+    void kill() {
+        if (proc_) proc_->stop(SIGKILL);
+    }
 
     std::string log() const { return root_.readFile("/vord.log"); }
-    size_t countLog(const std::string& needle) const;
+    size_t countLog(const std::string& needle) const { return countOf(log(), needle); }
     // Waits until the log holds `needle` at least `times` times.
     bool waitForLog(const std::string& needle,
                     std::chrono::milliseconds timeout = std::chrono::seconds(10),
@@ -91,7 +101,7 @@ class DaemonProcess {
   private:
     const TempRoot& root_;
     std::vector<std::string> prefix_;
-    pid_t pid_ = -1;
+    std::unique_ptr<Spawned> proc_;
 };
 
 // A client of "/dev/socket/vord" in a sandbox root. The daemon serves one client
@@ -102,7 +112,9 @@ class ControlClient {
     ~ControlClient() { close(); }
     bool connect();  // one attempt
     // Retries a refused connection (socket being re-created) until `timeout`.
-    bool connect(std::chrono::milliseconds timeout);
+    bool connect(std::chrono::milliseconds timeout) {
+        return waitFor([this] { return connect(); }, timeout);
+    }
     // One record as one write of 1032 bytes. `length` defaults to the size of `text`.
     bool send(int id, const std::string& text, int length = -1);
     // `bytes` as they are, in one write (a short or malformed record).

@@ -123,22 +123,12 @@ class FakeDiagKernel : public android::net::SocketOps {
         return handle(fd, Bytes(p, p + len));
     }
     ssize_t recvfrom(int fd, void* buf, size_t len, int flags, sockaddr*, socklen_t*) override {
-        std::deque<Bytes>& q = queues[fd];
-        if (q.empty()) return fail(EAGAIN);
-        const size_t n = std::min(len, q.front().size());
-        if (n != 0) memcpy(buf, q.front().data(), n);
-        if (!(flags & MSG_PEEK)) q.pop_front();
-        return static_cast<ssize_t>(n);
+        return queues[fd].empty() ? fail(EAGAIN) : static_cast<ssize_t>(take(fd, buf, len, !(flags & MSG_PEEK)));
     }
     ssize_t read(int fd, void* buf, size_t len) override {
-        std::deque<Bytes>& q = queues[fd];
-        if (q.empty()) return 0;
-        const size_t n = std::min(len, q.front().size());
-        if (n != 0) memcpy(buf, q.front().data(), n);
-        q.pop_front();
+        if (queues[fd].empty()) return 0;
         lastReadBuf = static_cast<const uint8_t*>(buf);
-        lastReadLen = n;
-        return static_cast<ssize_t>(n);
+        return static_cast<ssize_t>(lastReadLen = take(fd, buf, len, true));
     }
     int close(int fd) override {
         closed.push_back(fd);
@@ -154,6 +144,14 @@ class FakeDiagKernel : public android::net::SocketOps {
     }
 
   private:
+    // Copies up to `len` bytes of the datagram at the head of `fd`'s queue.
+    size_t take(int fd, void* buf, size_t len, bool consume) {
+        std::deque<Bytes>& q = queues[fd];
+        const size_t n = std::min(len, q.front().size());
+        if (n != 0) memcpy(buf, q.front().data(), n);
+        if (consume) q.pop_front();
+        return n;
+    }
     static int fail(int err) {
         errno = err;
         return -1;
