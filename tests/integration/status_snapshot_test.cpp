@@ -53,6 +53,9 @@ TEST_F(DaemonTest, RulesAndSnapshotFollowSimulatedRatesInterfacesAndShutdown) {
     })) << status::format(last);
     EXPECT_NEAR(0.75, findLink(last, "wlan0")->share, 0.03);
     EXPECT_NEAR(0.25, findLink(last, "rmnet_data0")->share, 0.03);
+    const LinkStatus* r = findLink(last, "rmnet_data0");
+    EXPECT_EQ("0x400000 rmnet_data0 metered", r->mark + " " + r->table + (r->metered ? " metered" : " unmetered"));
+    EXPECT_FALSE(findLink(last, "wlan0")->metered);
     EXPECT_GT(last.ruleCommandsRun, 0u);
 
     ASSERT_TRUE(client.send(2, "10123,10456") && client.send(4, "192.168.1.1"));

@@ -122,6 +122,8 @@ TEST_F(Store, MarkSlotsAreReusedAndAFifthInterfaceSharesTheFirst) {
         }
         EXPECT_EQ(p.getValidInterfaceMark(step.first), step.second) << step.first;
     }
+    EXPECT_EQ(1u, log.count("W/MUX-Vord-SlaParameters: getValidInterfaceMark every mark slot is held: wwan0 shares "
+                            "mark 0x200000 with wlan1, and its routing rule replaces the one of wlan1"));
 }
 
 // Kernel route tables (by name or number), over-long names and text that
