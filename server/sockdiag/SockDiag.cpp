@@ -87,7 +87,7 @@ struct Ack {
 };
 static_assert(sizeof(Ack) == 36 && offsetof(Ack, err) == 16, "ack");
 
-constexpr size_t kDumpBufferSize = 8192;
+constexpr size_t kDumpBufferSize = 32768;
 // A dump entry: header, then inet_diag_msg, then its attributes.
 constexpr size_t kDiagMsgOffset = sizeof(nlmsghdr);
 constexpr size_t kAttrOffset = kDiagMsgOffset + sizeof(inet_diag_msg);
