@@ -55,13 +55,18 @@ TEST_F(DaemonTest, ClientCredentialsToolSignalStateAndAStopBehindACommand) {
     }
     EXPECT_GE(seen, 10) << signals;  // every command of the add
 
-    // No block file for wlan1: mapping it is retried for 1.5 s.
-    ASSERT_TRUE(client.connect(std::chrono::seconds(10)) && client.send(1, "wlan0,wlan1"));
+    // A whitelist command whose rule tool takes 2 s. It holds no lock the main
+    // loop takes, so the loop sees the stop while the command still runs.
+    root.writeFile("/system/bin/iptables-wrapper-1.0",
+                   "#!/bin/sh\ncase \"$*\" in *10123*) : > '" + root.at("/record/slow") +
+                       "'; sleep 2; : > '" + root.at("/record/slow-done") + "';; esac\n",
+                   0755);
+    ASSERT_TRUE(client.connect(std::chrono::seconds(10)) && client.send(2, "10123"));
     for (const char* queued : {"queued-1", "queued-2", "queued-3"}) ASSERT_TRUE(client.send(12, queued));
-    ASSERT_TRUE(daemon.waitForLog("add Interfaces is wlan1")) << daemon.log();
+    ASSERT_TRUE(waitFor([&] { return access(root.at("/record/slow").c_str(), F_OK) == 0; }, std::chrono::seconds(5)));
     ASSERT_TRUE(daemon.stopThroughProperty()) << daemon.log();
-    EXPECT_EQ("", missingInOrder(daemon.log(), {"initMmap + wlan1", "-A vexo_nat_POSTROUTING_MUX -o wlan1",
-                                                "socket Thread exit", "Mux disabled, starting cleanup..."}))
+    EXPECT_EQ(0, access(root.at("/record/slow-done").c_str(), F_OK));  // the running command ended
+    EXPECT_EQ("", missingInOrder(daemon.log(), {"socket Thread exit", "Mux disabled, starting cleanup..."}))
         << daemon.log();
     EXPECT_EQ(daemon.countLog("queued-"), 0u);
     EXPECT_TRUE(daemon.alive());
