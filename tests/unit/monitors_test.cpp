@@ -111,7 +111,7 @@ std::string busiest(vord::GameEndpointTally& tally, const std::vector<Socket>& s
     for (const Socket& s : sockets) {
         // Exactly the delivered length on the heap: a read past it trips AddressSanitizer.
         std::unique_ptr<uint8_t[]> block(new uint8_t[s.info.size() + 1]);
-        memcpy(block.get(), s.info.data(), s.info.size());
+        if (!s.info.empty()) memcpy(block.get(), s.info.data(), s.info.size());
         tally.add(&s.msg, s.info.empty() ? nullptr : block.get(), uint32_t(s.info.size()));
     }
     vord::GameEndpoint e;
