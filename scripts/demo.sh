@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs vord's two features in a sandbox and shows what they do.
 #
-# Part 1, link aggregation: builds vord, makes a fresh sandbox root (./sandbox)
+# Stage 1, link aggregation: builds vord, makes a fresh sandbox root (./sandbox)
 # with the sample vord.conf, starts the statistics simulator (standing in for
 # the kernel module) with two links, starts the daemon, sends it the interface
 # list, a whitelist and a Wi-Fi gateway, and shows the link shares it computes
@@ -9,7 +9,7 @@
 # the rules follow; then stops the daemon through the property and shows that
 # it cleaned up.
 #
-# Part 2, link selection: as root, in the link lab (vord-linklab: wlan0 with a
+# Stage 2, link selection: as root, in the link lab (vord-linklab: wlan0 with a
 # 40 ms and rmnet_data0 with a 30 ms real round trip), runs the daemon inside
 # the lab, starts selection for UID 10123 and an application of that UID, shows
 # the link chosen, cuts wlan0 and shows the switch, the application's
@@ -132,7 +132,7 @@ show_status() {
     fi
 }
 
-printf '\n\033[1m######## Part 1: link aggregation ########\033[0m\n'
+printf '\n\033[1m######## Stage 1: link aggregation ########\033[0m\n'
 # --- the kernel module's stand-in ---
 step "statistics simulator: wlan0 at 1000 kbit/s, rmnet_data0 at 500 kbit/s"
 printf 'wlan0=1000kbit\nrmnet_data0=500kbit\n' > "$sandbox/rates"
@@ -207,7 +207,7 @@ if [ -n "$ns" ]; then
     ns=""
 fi
 
-printf '\n\033[1m######## Part 2: link selection ########\033[0m\n'
+printf '\n\033[1m######## Stage 2: link selection ########\033[0m\n'
 # A fresh start for the second daemon: selection's own settings (a probe every
 # 200 ms, three probes per decision, a 2 s hysteresis window, a 100 ms loop),
 # no statistics module, the stop property cleared.
