@@ -7,9 +7,13 @@
 #include <stdint.h>
 #include <unistd.h>
 
+#include <chrono>
+
 #include "config/Parameters.h"
 #include "control/VordSocketServer.h"
+#include "loop/MainLoopWakeup.h"
 #include "monitors/DoubleWifiMonitor.h"
+#include "monitors/LinkEventMonitor.h"
 #include "monitors/RssiStateMonitor.h"
 #include "monitors/SlaTcpSocketMonitor.h"
 #include "rules/IptablesManager.h"
@@ -30,16 +34,20 @@ int main(int /*argc*/, char** /*argv*/) {
     sla->enableSLA(true);
     SmartLinkSelection::Init();
     SmartLinkSelection* sls = SmartLinkSelection::instance();
+    // Link events fail a dead link at once and cut the loop's sleep short so the
+    // decision follows at once; without them the loop keeps its fixed period.
+    vord::setMainLoopWakeupsEnabled(params->linkEventsEnabled());
+    if (params->linkEventsEnabled()) LinkEventMonitor::instance();
 
     // The loop runs at least once; the property is tested after the sleep.
     do {
         sla->evalAndSetSLAInterfaceRatio();
         sls->slsChooseInterface();
         vord::status::updateStatusSnapshot(params, sla);
-        // The period is read afresh each time; 0 means no sleep at all (usleep(0)
-        // would still pay the kernel's timer slack).
+        // The period is read afresh each time; 0 means no sleep at all. A link
+        // that went down or failed ends the sleep early (link events).
         uint32_t sleepUs = static_cast<uint32_t>(params->get(mini_est_interval)) * 1000u;
-        if (sleepUs != 0) usleep(sleepUs);
+        vord::sleepUnlessWoken(std::chrono::microseconds(sleepUs));
     } while (params->getSLAVendorProp() != 2);
 
     // Shutdown, in this order.
@@ -47,6 +55,7 @@ int main(int /*argc*/, char** /*argv*/) {
     ALOGE("Mux disabled, starting cleanup...\n");
     // The monitors write into the selection records and the parameter store and
     // call into link selection: they end before either is torn down.
+    LinkEventMonitor::finalize();
     SlaTcpSocketMonitor::finalize();
     RssiStateMonitor::finalize();
     DoubleWifiMonitor::finalize();

@@ -114,6 +114,9 @@ void Parameters::init() {
     m_nHyst = 1;
     m_rttMinCapMs = 10;
     m_gamingPollFreqCnt = 5;
+    m_linkEvents = 1;
+    m_stallPollMs = 200;
+    m_stallThresholdMs = 300;
     m_gamingUidList.clear();
     m_uidWhitelist.clear();
     m_dwUidWhitelistText.clear();
@@ -228,6 +231,9 @@ bool Parameters::setValue(const char* key, const char* value) {
         {"num_interfaces", &m_numInterfaces},
         {"rtt_entry_threshold", &m_rttEntryThreshold},
         {"rtt_exit_threshold", &m_rttExitThreshold},
+        {"link_events", &m_linkEvents},
+        {"stall_poll_ms", &m_stallPollMs},
+        {"stall_threshold_ms", &m_stallThresholdMs},
     };
     for (const IntKey& ik : intKeys) {
         if (k == ik.name) {

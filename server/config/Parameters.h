@@ -36,6 +36,7 @@ enum OperId : int32_t {
 // The built-in probe server ("rtt_server"): a public DNS resolver that answers on
 // TCP port 443.
 #define VORD_DEFAULT_RTT_SERVER "1.1.1.1"
+#define VORD_DEFAULT_RTT_PORT 443
 
 class Parameters {
   public:
@@ -100,6 +101,14 @@ class Parameters {
     int getGamingPollFreqCnt() const { return m_gamingPollFreqCnt.load(); }
     int getRttServerPort() const { return m_rttServerPort.load(); }
     void setRttServerPort(int port) { m_rttServerPort.store(port); }
+
+    // Failover ("link_events", "stall_poll_ms", "stall_threshold_ms"): link and
+    // address notifications fail a link at once; the TCP socket monitor watches
+    // the gaming UIDs' connections for stalls. 0 turns each off.
+    bool linkEventsEnabled() const { return m_linkEvents.load() != 0; }
+    int getStallPollMs() const { return m_stallPollMs.load(); }
+    int getStallThresholdMs() const { return m_stallThresholdMs.load(); }
+    bool stallDetectionEnabled() const { return getStallPollMs() > 0 && getStallThresholdMs() > 0; }
 
     // String values, returned as copies (safe against a concurrent replacement).
     std::string getProtocols() const;
@@ -225,6 +234,9 @@ class Parameters {
     std::atomic<int32_t> m_nHyst{1};
     std::atomic<int32_t> m_rttMinCapMs{10};
     std::atomic<int32_t> m_gamingPollFreqCnt{5};
+    std::atomic<int32_t> m_linkEvents{1};
+    std::atomic<int32_t> m_stallPollMs{200};
+    std::atomic<int32_t> m_stallThresholdMs{300};
     std::string m_gamingUidList;
     std::string m_uidWhitelist;
     std::string m_dwUidWhitelistText;

@@ -30,8 +30,6 @@
 
 namespace {
 
-constexpr int kDefaultProbePort = 443;
-
 std::unique_lock<std::recursive_mutex> engineControl() {
     return std::unique_lock<std::recursive_mutex>(SmartLinkSelection::slsControlMutex());
 }
@@ -39,7 +37,7 @@ std::unique_lock<std::recursive_mutex> engineControl() {
 // A started feature always probes the built-in server, whatever vord.conf said.
 void resetProbeServer(Parameters* params) {
     params->setGamingRttServer(VORD_DEFAULT_RTT_SERVER);
-    params->setRttServerPort(kDefaultProbePort);
+    params->setRttServerPort(VORD_DEFAULT_RTT_PORT);
 }
 
 void setGamingUidList(Parameters* params, const char* uids) {
@@ -53,10 +51,11 @@ void installSlsChains() {
     iptables->setup_SLS_iptables_UID_chains();
 }
 
-// initPingThreads, threadStop, createRttThreads, threadResume.
+// initPingThreads, threadStop, createRttThreads, threadResume. The engine is
+// fetched under its control mutex.
 void startProbes() {
-    SmartLinkSelection* sls = SmartLinkSelection::instance();
     auto control = engineControl();
+    SmartLinkSelection* sls = SmartLinkSelection::instance();
     sls->initPingThreads();
     sls->threadStop();
     sls->createRttThreads();
@@ -65,8 +64,8 @@ void startProbes() {
 
 // threadStop, threadDestory, destoryPingThreads.
 void stopProbes() {
-    SmartLinkSelection* sls = SmartLinkSelection::instance();
     auto control = engineControl();
+    SmartLinkSelection* sls = SmartLinkSelection::instance();
     sls->threadStop();
     sls->threadDestory();
     sls->destoryPingThreads();
@@ -185,6 +184,7 @@ void setGameAiModeEnable(const char* text) {
             auto control = engineControl();
             if (params->isGamingAiModeCheckRtt()) stopProbes();
             params->setGamingAiModeCheckRtt(false);
+            params->setServiceHighRtt(false);
         }
         params->setGamingUids(nullptr);
         params->setNHyst(1);

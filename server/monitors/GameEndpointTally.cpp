@@ -1,27 +1,15 @@
 #include "monitors/GameEndpointTally.h"
 
 #include <arpa/inet.h>
-#include <linux/tcp.h>
 #include <netinet/in.h>
-#include <stddef.h>
-#include <string.h>
+
+#include "monitors/TcpInfoFields.h"
 
 namespace vord {
 
 namespace {
 
 constexpr uint8_t kTcpEstablished = 1;  // the kernel's TCP_ESTABLISHED state
-
-// Reads one tcp_info field at `offset` only when the delivered length covers it.
-template <typename T>
-bool readField(const uint8_t* info, uint32_t infoLen, size_t offset, T* out) {
-    if (info == nullptr || offset + sizeof(T) > infoLen) return false;
-    memcpy(out, info + offset, sizeof(T));
-    return true;
-}
-
-#define TCPI_READ(info, len, field, out) \
-    readField(info, len, offsetof(struct tcp_info, field), out)
 
 // The remote IPv4 address of the socket (network order), or false when the
 // remote is not IPv4 (nor IPv4-mapped).
@@ -53,7 +41,10 @@ void GameEndpointTally::add(const inet_diag_msg* msg, const uint8_t* info, uint3
         !TCPI_READ(info, infoLen, tcpi_bytes_received, &received)) {
         return;
     }
-    const uint64_t bytes = acked + received;
+    const uint64_t bytes =
+            m_recent != nullptr
+                    ? m_recent->moved({msg->id.idiag_cookie[0], msg->id.idiag_cookie[1]}, acked + received)
+                    : acked + received;
     if (bytes == 0) return;  // nothing exchanged yet (e.g. a connect in progress)
 
     Tally& t = m_endpoints[{host, port}];

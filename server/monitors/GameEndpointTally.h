@@ -2,7 +2,8 @@
 // UIDs, the IPv4 remote endpoint (address and port) that carried the most bytes,
 // and the kernel's RTT of the busiest connection to it.
 //
-// Bytes of a socket are tcpi_bytes_acked + tcpi_bytes_received. The tcp_info a
+// Bytes of a socket are tcpi_bytes_acked + tcpi_bytes_received; with a
+// RecentTraffic, only what the socket moved over the last few polls. The tcp_info a
 // kernel delivers may be shorter than this build's struct: a field is read only
 // when the delivered length covers it, and a socket whose length does not cover
 // the byte counters is not counted. IPv4-mapped IPv6 sockets count as IPv4.
@@ -18,6 +19,8 @@
 #include <set>
 #include <utility>
 
+#include "monitors/RecentTraffic.h"
+
 namespace vord {
 
 struct GameEndpoint {
@@ -31,7 +34,8 @@ struct GameEndpoint {
 
 class GameEndpointTally {
   public:
-    explicit GameEndpointTally(std::set<uint32_t> gamingUids) : m_uids(std::move(gamingUids)) {}
+    explicit GameEndpointTally(std::set<uint32_t> gamingUids, RecentTraffic* recent = nullptr)
+        : m_uids(std::move(gamingUids)), m_recent(recent) {}
 
     // One socket of the dump (the TcpInfoSource::Reader signature).
     void add(const inet_diag_msg* msg, const uint8_t* info, uint32_t infoLen);
@@ -47,6 +51,7 @@ class GameEndpointTally {
         int64_t rttMs = -1;
     };
     std::set<uint32_t> m_uids;
+    RecentTraffic* m_recent;
     // Key: (address in host order, port) so that the map order is numeric.
     std::map<std::pair<uint32_t, uint16_t>, Tally> m_endpoints;
 };

@@ -7,12 +7,17 @@
 #include <log/log.h>
 
 #include <errno.h>
+#include <net/if.h>
 #include <string.h>
 
 #include <mutex>
 
 #include "wificond/net/netlink_utils.h"
+#include "wificond/net/rtnetlink_socket.h"
 
+#include "config/Parameters.h"
+#include "loop/MainLoopWakeup.h"
+#include "sla/SlaStatsImpl.h"
 #include "sls/InterfaceRtt.h"
 #include "sls/ServiceHighRtt.h"
 #include "sls/SmartLinkSelection.h"
@@ -74,7 +79,70 @@ class SockDiagTcpInfoSource : public TcpInfoSource {
     }
 };
 
+// Deadline of the probe that confirms a stall: the probes' connect time-out.
+constexpr int kStallProbeTimeoutMs = 500;
+
+class SelectionSelectedLink : public SelectedLink {
+  public:
+    std::string selected() override {
+        Parameters* p = Parameters::instance();
+        const int gaming = p->isGamingRunning();
+        const bool probing =
+                gaming == 1 || p->isVoipRunning() || (gaming == 2 && p->isGamingAiModeCheckRtt());
+        return probing ? SmartLinkSelection::publishedCurrent() : std::string();
+    }
+    uint32_t ifindex(const std::string& link) override { return if_nametoindex(link.c_str()); }
+    bool answers(const std::string& link) override {
+        return Tcping::linkAnswers(link.c_str(), VORD_DEFAULT_RTT_SERVER, VORD_DEFAULT_RTT_PORT,
+                                   kStallProbeTimeoutMs);
+    }
+    void fail(const std::string& link) override {
+        if (SmartLinkSelection::isInstance()) SmartLinkSelection::instance()->linkStalled(link);
+    }
+};
+
+class RtnetlinkEventSource : public NetlinkEventSource {
+  public:
+    bool open() override { return m_socket.open(); }
+    int receive(uint8_t* buffer, size_t size, int timeoutMs) override {
+        return m_socket.receive(buffer, size, timeoutMs);
+    }
+
+  private:
+    android::wificond::RtnetlinkSocket m_socket;
+};
+
+class DaemonLinkEventSink : public LinkEventSink {
+  public:
+    void down(const std::string& link, LinkFailCause cause) override {
+        if (SmartLinkSelection::isInstance()) SmartLinkSelection::instance()->linkDown(link, cause);
+        if (SlaStatsImpl::instance()->setLinkDown(link, true)) {
+            ALOGI("%s %s: no new connections until it is back", link.c_str(), linkFailCauseText(cause));
+            vord::wakeMainLoop();  // the evaluation gives its share to the others now
+        }
+    }
+    void up(const std::string& link) override {
+        if (SmartLinkSelection::isInstance()) SmartLinkSelection::instance()->linkUp(link);
+        if (SlaStatsImpl::instance()->setLinkDown(link, false)) {
+            ALOGI("%s is back: it takes new connections again", link.c_str());
+            vord::wakeMainLoop();
+        }
+    }
+};
+
 }  // namespace
+
+std::unique_ptr<SelectedLink> makeSelectionSelectedLink() {
+    return std::make_unique<SelectionSelectedLink>();
+}
+
+std::unique_ptr<NetlinkEventSource> makeRtnetlinkEventSource() {
+    return std::make_unique<RtnetlinkEventSource>();
+}
+
+std::unique_ptr<LinkEventSink> makeDaemonLinkEventSink() {
+    return std::make_unique<DaemonLinkEventSink>();
+}
 
 std::unique_ptr<StationQuery> makeNetlinkStationQuery() {
     return std::make_unique<NetlinkStationQuery>();
@@ -87,7 +155,7 @@ std::unique_ptr<PenaltySink> makeSelectionPenaltySink() {
 std::unique_ptr<LinkProber> makeTcpingLinkProber() { return std::make_unique<TcpingLinkProber>(); }
 
 HighRttAction serviceHighRttAction() {
-    return [](Parameters* params) { enterServiceHighRtt(params); };
+    return [](Parameters* params) { return enterServiceHighRtt(params, true); };
 }
 
 std::unique_ptr<TcpInfoSource> makeSockDiagTcpInfoSource() {

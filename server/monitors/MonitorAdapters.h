@@ -18,9 +18,18 @@ std::unique_ptr<PenaltySink> makeSelectionPenaltySink();
 std::unique_ptr<TcpInfoSource> makeSockDiagTcpInfoSource();
 // Tcping::updateTcpingRtt with offset 0.
 std::unique_ptr<LinkProber> makeTcpingLinkProber();
+// The selection engine's current link while it probes; Tcping::linkAnswers to
+// the built-in probe server; SmartLinkSelection::linkStalled.
+std::unique_ptr<SelectedLink> makeSelectionSelectedLink();
+// The rtnetlink socket (wificond/net/rtnetlink_socket.h).
+std::unique_ptr<NetlinkEventSource> makeRtnetlinkEventSource();
+// Link selection (linkDown/linkUp), aggregation (setLinkDown) and a wake-up of
+// the main loop.
+std::unique_ptr<LinkEventSink> makeDaemonLinkEventSink();
 
-// What a command 12 report above "rtt_exit_threshold" does (enterServiceHighRtt).
-using HighRttAction = std::function<void(Parameters*)>;
+// What a command 12 report above "rtt_exit_threshold" does while some probing
+// is paused (enterServiceHighRtt); true when it acted.
+using HighRttAction = std::function<bool(Parameters*)>;
 HighRttAction serviceHighRttAction();
 
 }  // namespace vord

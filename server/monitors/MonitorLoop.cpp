@@ -15,6 +15,11 @@ void MonitorLoop::start(std::function<void()> round, std::chrono::milliseconds p
     m_thread = std::thread(&MonitorLoop::run, this);
 }
 
+void MonitorLoop::setPeriod(std::chrono::milliseconds period) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_period = period;
+}
+
 void MonitorLoop::setActive(bool active) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);

@@ -19,6 +19,8 @@ class MonitorLoop {
 
     // Starts the thread. The first round runs at once when `active`.
     void start(std::function<void()> round, std::chrono::milliseconds period, bool active);
+    // The period between the end of a round and the next, from the next sleep on.
+    void setPeriod(std::chrono::milliseconds period);
     // Activates (the next round runs at once) or pauses the rounds.
     void setActive(bool active);
     bool isActive() const;

@@ -2,8 +2,11 @@
 //
 // The RSSI monitor reads access-point signals (StationQuery) and writes RTT
 // penalties into the selection records (PenaltySink); the TCP socket monitor
-// reads the kernel's table of live TCP sockets (TcpInfoSource); the dual Wi-Fi
-// monitor probes each Wi-Fi link (LinkProber). The daemon uses the adapters of
+// reads the kernel's table of live TCP sockets (TcpInfoSource) and, for stall
+// detection, asks link selection about the selected link (SelectedLink); the
+// dual Wi-Fi monitor probes each Wi-Fi link (LinkProber); the link-event monitor
+// reads the kernel's link and address notifications (NetlinkEventSource) and
+// hands what it makes of them on (LinkEventSink). The daemon uses the adapters of
 // MonitorAdapters.h; unit tests hand the monitors scripted stand-ins.
 #pragma once
 
@@ -14,6 +17,8 @@
 #include <functional>
 #include <map>
 #include <string>
+
+#include "sls/InterfaceRtt.h"
 
 namespace vord {
 
@@ -47,6 +52,42 @@ class TcpInfoSource {
     virtual ~TcpInfoSource() = default;
     // One pass over the host's live TCP sockets. 0, or a negative errno.
     virtual int dump(const Reader& reader) = 0;
+};
+
+class SelectedLink {
+  public:
+    virtual ~SelectedLink() = default;
+    // The link the gaming UIDs are steered to while link selection probes the
+    // links (gaming, a voice call, game mode's RTT check); "" otherwise.
+    virtual std::string selected() = 0;
+    // The link's interface index; 0 when unknown.
+    virtual uint32_t ifindex(const std::string& link) = 0;
+    // Whether the link still reaches the built-in probe server within a short
+    // deadline (a connection answered, whatever the server then does).
+    virtual bool answers(const std::string& link) = 0;
+    // A stall of the link is confirmed: it fails.
+    virtual void fail(const std::string& link) = 0;
+};
+
+class NetlinkEventSource {
+  public:
+    virtual ~NetlinkEventSource() = default;
+    // Subscribes to the link and address notifications and asks for the
+    // current links and addresses. False when that is not possible.
+    virtual bool open() = 0;
+    // The next datagram of netlink messages into `buffer`, waiting up to
+    // `timeoutMs`: its length, 0 when none came, negative errno on an error.
+    virtual int receive(uint8_t* buffer, size_t size, int timeoutMs) = 0;
+};
+
+class LinkEventSink {
+  public:
+    virtual ~LinkEventSink() = default;
+    // A link went down: no carrier, administratively down, removed, or its last
+    // IPv4 address gone (the LinkFailCause of each).
+    virtual void down(const std::string& link, LinkFailCause cause) = 0;
+    // It is up again (all of those undone).
+    virtual void up(const std::string& link) = 0;
 };
 
 class LinkProber {

@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <mutex>
 #include <set>
 #include <string>
@@ -41,7 +42,8 @@ SlaTcpSocketMonitor* SlaTcpSocketMonitor::instance() {
     if (monitor == nullptr) {
         monitor = new SlaTcpSocketMonitor(Parameters::instance(),
                                           vord::makeSockDiagTcpInfoSource(),
-                                          vord::serviceHighRttAction());
+                                          vord::serviceHighRttAction(),
+                                          vord::makeSelectionSelectedLink());
         monitor->start();
         g_tcpMonitor.store(monitor);
     }
@@ -58,13 +60,16 @@ bool SlaTcpSocketMonitor::isInstance() { return g_tcpMonitor.load() != nullptr; 
 
 SlaTcpSocketMonitor::SlaTcpSocketMonitor(Parameters* params,
                                          std::unique_ptr<vord::TcpInfoSource> source,
-                                         vord::HighRttAction highRtt)
-    : m_params(params), m_source(std::move(source)), m_highRtt(std::move(highRtt)) {}
+                                         vord::HighRttAction highRtt,
+                                         std::unique_ptr<vord::SelectedLink> link)
+    : m_params(params), m_source(std::move(source)), m_highRtt(std::move(highRtt)),
+      m_link(std::move(link)) {}
 
 SlaTcpSocketMonitor::~SlaTcpSocketMonitor() { stop(); }
 
 void SlaTcpSocketMonitor::start() {
-    m_loop.start([this] { tick(); }, std::chrono::milliseconds(kPeriodMs), false);
+    m_loop.start([this] { m_loop.setPeriod(std::chrono::milliseconds(tick())); },
+                 std::chrono::milliseconds(kPeriodMs), false);
     ALOGI("%s started, paused", "SlaTcpSocketMonitor");
 }
 
@@ -80,11 +85,21 @@ void SlaTcpSocketMonitor::resumePolling() {
     ALOGI("%s polling", "SlaTcpSocketMonitor");
 }
 
-void SlaTcpSocketMonitor::tick() {
-    vord::GameEndpointTally tally(gamingUids(m_params));
+int SlaTcpSocketMonitor::tick() {
+    const std::set<uint32_t> uids = gamingUids(m_params);
+    const std::string link =
+            m_link != nullptr && m_params->stallDetectionEnabled() ? m_link->selected() : std::string();
+    const int periodMs =
+            link.empty() ? kPeriodMs : std::max(kMinStallPollMs, m_params->getStallPollMs());
+    if (!link.empty()) {
+        m_stall.beginPoll(uids, m_link->ifindex(link),
+                          static_cast<uint32_t>(m_params->getStallThresholdMs()));
+    }
+    vord::GameEndpointTally tally(uids, &m_traffic);
     const int result = m_source->dump(
-            [&tally](const inet_diag_msg* msg, const uint8_t* info, uint32_t infoLen) {
+            [&](const inet_diag_msg* msg, const uint8_t* info, uint32_t infoLen) {
                 tally.add(msg, info, infoLen);
+                if (!link.empty()) m_stall.add(msg, info, infoLen);
             });
     if (result != 0) {
         if (!m_dumpFailing) {
@@ -92,12 +107,14 @@ void SlaTcpSocketMonitor::tick() {
                   strerror(-result));
         }
         m_dumpFailing = true;
-        return;
+        return periodMs;
     }
     m_dumpFailing = false;
+    m_traffic.endPoll();
+    if (!link.empty()) checkStall(link, periodMs);
 
     vord::GameEndpoint game;
-    if (!tally.busiest(&game)) return;  // no game traffic: the target stays
+    if (!tally.busiest(&game)) return periodMs;  // no game traffic: the target stays
 
     char server[INET_ADDRSTRLEN] = "";
     in_addr addr{};
@@ -113,10 +130,29 @@ void SlaTcpSocketMonitor::tick() {
     // Compared as unsigned 32-bit values, like a command 12 report.
     const uint32_t threshold = static_cast<uint32_t>(m_params->getRttExitThreshold());
     if (game.rttMs >= 0 && static_cast<uint64_t>(game.rttMs) > threshold &&
-        !m_params->isServiceHighRtt()) {
-        ALOGI("%s game connection to %s:%u has RTT %lld ms, above rtt_exit_threshold %u",
+        !m_params->isServiceHighRtt() && m_highRtt && m_highRtt(m_params)) {
+        ALOGI("%s game connection to %s:%u has RTT %lld ms, above rtt_exit_threshold %u: "
+              "probing resumed",
               "SlaTcpSocketMonitor", server, game.port, static_cast<long long>(game.rttMs),
               threshold);
-        if (m_highRtt) m_highRtt(m_params);
     }
+    return periodMs;
+}
+
+void SlaTcpSocketMonitor::checkStall(const std::string& link, int periodMs) {
+    const bool suspect = m_stall.endPoll();
+    if (m_holdOffMs > 0) {
+        m_holdOffMs -= periodMs;
+        return;
+    }
+    if (!suspect) return;
+    ALOGI("%s the %zu gaming connections with data in flight on %s have stalled: probing %s",
+          "SlaTcpSocketMonitor", m_stall.counted(), link.c_str(), link.c_str());
+    m_holdOffMs = kStallHoldOffMs;
+    if (m_link->answers(link)) {
+        ALOGI("%s %s answers: the game's server stalled, not the link", "SlaTcpSocketMonitor",
+              link.c_str());
+        return;
+    }
+    m_link->fail(link);
 }

@@ -78,6 +78,7 @@ int IptablesManager::set_SLA_ratio_iptables(std::map<std::string, linkStatsWrapp
             } else if (dualWifiStatus == 1) {
                 p = info->slave ? 0.0f : 1.0f;
             }
+            if (link->down) p = 0.0f;  // not even the dual Wi-Fi choice sends to a dead link
             if ((info->slave || rules::isCellular(name.c_str())) &&
                 !rules::chainName(target, kFunc, "vexo_fw_%s_wrapper", name.c_str())) {
                 result += -1;

@@ -27,4 +27,5 @@ struct linkStatsWrapper_t {
     uint32_t linkRate = 0;            // last estimate, kbit/s
     uint32_t packCount = 0;           // intervals used by the last estimate
     float ratio = 0.0f;               // share of new connections, 0.0 to 1.0
+    bool down = false;                // (copies for the rules) the link is down: no new connections
 };

@@ -2,6 +2,9 @@
 // rate, turn the rates into shares of new connections, and have the ratio rules
 // rewritten when the shares moved by more than "min_ratio_change".
 //
+// A link that is down (setLinkDown) takes no part: its share is 0, and neither
+// its rate nor its count enters the others' shares.
+//
 // The widths of the arithmetic below (uint32 sums, float shares, the odd double
 // comparison) are deliberate: the shares feed rules that are compared against a
 // threshold, and the results must match to the last bit.
@@ -82,7 +85,7 @@ void SlaStatsImpl::evalAndSetSLAInterfaceRatio() {
             linkStatsWrapper_t* w = entry.second;
             if (w == nullptr || w->stats == nullptr) continue;
             const InterfaceInfo_t* record = params->findInterface(entry.first);
-            if (record == nullptr) continue;
+            if (record == nullptr || m_downLinks.count(entry.first) != 0) continue;
             const bool cellular = isCellular(record);
 
             uint32_t rate = w->stats->linkRateEstimate(&w->packCount, w->ifname);
@@ -140,10 +143,11 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process mode, float cellSum, flo
     std::lock_guard<std::mutex> registryLock(g_interfaceMapMutex);
     std::lock_guard<std::mutex> mapLock(g_slaMapMutex);
 
+    auto down = [this](const std::string& name) { return m_downLinks.count(name) != 0; };
     uint32_t n = 0;
     for (const auto& entry : m_slaInterfaceMap) {
         const InterfaceInfo_t* record = params->findInterface(entry.first);
-        if (entry.second != nullptr && record != nullptr && !isCellular(record)) ++n;
+        if (entry.second != nullptr && record != nullptr && !isCellular(record) && !down(entry.first)) ++n;
     }
 
     // When the fastest Wi-Fi link carries more than the trigger share of all
@@ -173,6 +177,11 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process mode, float cellSum, flo
         const InterfaceInfo_t* record = params->findInterface(entry.first);
         if (record == nullptr) continue;
         oldRatio[entry.first] = w->ratio;
+        if (down(entry.first)) {
+            w->linkRate = 0;
+            w->ratio = 0.0f;
+            continue;
+        }
         const bool cellular = isCellular(record);
         const float L = static_cast<float>(w->linkRate);
         float s;
@@ -209,7 +218,7 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process mode, float cellSum, flo
     for (auto& entry : m_slaInterfaceMap) {
         linkStatsWrapper_t* w = entry.second;
         if (w == nullptr) continue;
-        if (w->linkRate == 0 && zeroCount != 0 && remaining > 0) {
+        if (w->linkRate == 0 && zeroCount != 0 && remaining > 0 && !down(entry.first)) {
             if (!bothZero) {
                 w->ratio = remaining / static_cast<float>(zeroCount);
             } else {
@@ -234,6 +243,12 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process mode, float cellSum, flo
 
 void SlaStatsImpl::setRatioApplier(RatioApplier applier) { m_ratioApplier = std::move(applier); }
 
+bool SlaStatsImpl::setLinkDown(const std::string& ifname, bool down) {
+    std::lock_guard<std::mutex> lock(g_slaMapMutex);
+    const bool changed = down ? m_downLinks.insert(ifname).second : m_downLinks.erase(ifname) != 0;
+    return changed && m_slaInterfaceMap.count(ifname) != 0;
+}
+
 void SlaStatsImpl::applyRatios() {
     // The rule update takes g_interfaceMapMutex and then g_iptablesMutex itself.
     // Holding g_slaMapMutex across it would invert the process-wide order
@@ -250,6 +265,7 @@ void SlaStatsImpl::applyRatios() {
             copy->linkRate = w->linkRate;
             copy->packCount = w->packCount;
             copy->ratio = w->ratio;
+            copy->down = m_downLinks.count(entry.first) != 0;
             copies[entry.first] = copy;
         }
     }

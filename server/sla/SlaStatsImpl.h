@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 
 #include "sla/LinkStats.h"
@@ -51,6 +52,12 @@ class SlaStatsImpl {
     void evalAndSetSLAInterfaceRatio();
     bool calcSlaRatios(SLA_ratio_calc_process mode, float cellSum, float wifiSum, float wifiMax);
 
+    // A link down (link events: no carrier, administratively down, removed, no
+    // IPv4 address) gets no new connections until it is back: from the next
+    // evaluation on its share is 0 and the others share what it had. True when
+    // the link has an aggregation record and its state changed.
+    bool setLinkDown(const std::string& ifname, bool down);
+
     // Replaces the rule update (the rule manager by default; an empty function
     // restores it). For tests and benchmarks; call it while no evaluation runs.
     void setRatioApplier(RatioApplier applier);
@@ -74,5 +81,7 @@ class SlaStatsImpl {
     int64_t m_lastRatioLogTime = 0;  // seconds; last burst of ratio log lines
     // The dual Wi-Fi selection status when the ratio rules were last written.
     int m_appliedDualWifiStatus = 0;
+    // Links that are down (g_slaMapMutex).
+    std::set<std::string> m_downLinks;
     RatioApplier m_ratioApplier;
 };

@@ -50,6 +50,30 @@ void dropOldest(std::vector<uint32_t>& history, size_t keep) {
 
 }  // namespace
 
+const char* linkFailCauseText(LinkFailCause cause) {
+    switch (cause) {
+        case LinkFailCause::Carrier: return "lost carrier";
+        case LinkFailCause::AdminDown: return "went administratively down";
+        case LinkFailCause::Removed: return "was removed";
+        case LinkFailCause::AddressLost: return "lost its last IPv4 address";
+        case LinkFailCause::Stall: return "stalled (a probe got no answer)";
+        case LinkFailCause::None: break;
+    }
+    return "failed";
+}
+
+const char* linkFailCauseKey(LinkFailCause cause) {
+    switch (cause) {
+        case LinkFailCause::Carrier: return "carrier-lost";
+        case LinkFailCause::AdminDown: return "admin-down";
+        case LinkFailCause::Removed: return "link-removed";
+        case LinkFailCause::AddressLost: return "address-lost";
+        case LinkFailCause::Stall: return "stall";
+        case LinkFailCause::None: break;
+    }
+    return "link-failed";
+}
+
 InterfaceRtt* InterfaceRtt::create(const char* ifname, int minPingTimes, bool running) {
     size_t len = ifname == nullptr ? 0 : strlen(ifname);
     if (len == 0 || len > kMaxNameLength) {
@@ -134,6 +158,23 @@ void InterfaceRtt::caclInterfaceLevel() {
     }
     ALOGI("%s: SLA_PING cacl Interface Level interface (%s) (network level = %d)",
           "caclInterfaceLevel", ifname, level);
+}
+
+void InterfaceRtt::forceFail(LinkFailCause cause) {
+    const int limit = Parameters::instance()->getMinPingTimes();
+    epoch += 1;
+    failCause = cause;
+    if (minPingTimes == 1) {  // a raw record: -1 is its failed state
+        speed = -1;
+        return;
+    }
+    if (missCount < limit) missCount = limit;
+    speed = -1;
+    m_longpreviousSpeed.push_back(kFailedRttMs);
+    m_shortpreviousSpeed.push_back(kFailedRttMs);
+    dropOldest(m_longpreviousSpeed, kLongHistory);
+    dropOldest(m_shortpreviousSpeed, kShortHistory);
+    caclInterfaceLevel();
 }
 
 bool InterfaceRtt::isSlave() {

@@ -12,6 +12,20 @@
 
 #include <vector>
 
+// Why a record was put into the failed state other than by its own probes.
+enum class LinkFailCause : uint8_t {
+    None,         // not failed, or failed through its own probes' misses
+    Carrier,      // the link lost its carrier
+    AdminDown,    // the link was set administratively down
+    Removed,      // the link disappeared from the kernel
+    AddressLost,  // the link lost its last IPv4 address
+    Stall,        // the gaming connections stalled and a probe got no answer
+};
+// "lost carrier", "went administratively down", ... for log lines.
+const char* linkFailCauseText(LinkFailCause cause);
+// "carrier-lost", "admin-down", ... as the status snapshot names switch reasons.
+const char* linkFailCauseKey(LinkFailCause cause);
+
 class InterfaceRtt {
   public:
     // Longest interface name a record holds.
@@ -32,6 +46,10 @@ class InterfaceRtt {
     // Whether the interface is the secondary one of its kind, from its registry
     // record.
     bool isSlave();
+    // Puts the record at once into the state that "min_ping_times" misses give:
+    // speed -1, level 1, misses at the limit, 500 ms entered into both
+    // histories. Probes started before are not counted (epoch).
+    void forceFail(LinkFailCause cause);
 
     pthread_t thread = noThread();
     int32_t minPingTimes = 0;
@@ -48,6 +66,14 @@ class InterfaceRtt {
     // The registry's slave flag as last read; answers isSlave() while the
     // registry is busy (it is never waited for under g_slsMapMutex).
     bool m_slaveHint = false;
+
+    // Failover state (g_slsMapMutex).
+    int abortFd = -1;          // the probe thread's abort descriptor while it runs
+    uint32_t epoch = 0;        // bumped by forceFail; older probes are discarded
+    bool probeNow = false;     // probe at once instead of after the interval
+    bool down = false;         // the link is down (link event); out of the choice while another is up
+    bool retired = false;      // the link left the registry; never chosen
+    LinkFailCause failCause = LinkFailCause::None;
 
   private:
     InterfaceRtt() = default;

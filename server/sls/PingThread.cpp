@@ -1,54 +1,109 @@
-// The probe thread: one per link, all serialised on g_slsMapMutex for the whole of
-// each probe. The sleep between probes waits on pingWakeup() with the mutex
-// released, so a thread whose record is ended leaves without waiting out its
-// interval.
+// The probe thread: one per link. It takes g_slsMapMutex only to read its record
+// and to enter the result; the probe itself (connect, exchanges, TCP_INFO) runs
+// with no lock held, so probes of different links run side by side and nothing
+// waits for one (a deliberate departure from the documented "whole probe under
+// the lock"). A probe's result is dropped when the record stopped running, is
+// ending, or was failed by a link event meanwhile (its epoch moved on). The sleep
+// between probes waits on pingWakeup() with the mutex released, so a thread whose
+// record is ended leaves at once, and a link that came back is probed at once.
 
 #define LOG_TAG "MUX-Vord-SlaPing"
 
 #include "sls/PingThread.h"
 
+#include <errno.h>
+#include <stdint.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <string>
 
 #include "config/Parameters.h"
+#include "loop/MainLoopWakeup.h"
 #include "sls/InterfaceRtt.h"
 #include "sls/SmartLinkSelection.h"
 #include "sls/Tcping.h"
+
+namespace {
+
+std::atomic<int> g_liveProbeThreads{0};
+
+// Empties an eventfd (a pending abort that came after the probe it was meant for).
+void drain(int fd) {
+    uint64_t value;
+    while (fd >= 0 && read(fd, &value, sizeof(value)) < 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace
 
 std::condition_variable& pingWakeup() {
     static std::condition_variable wakeup;
     return wakeup;
 }
 
+void abortProbe(InterfaceRtt* r) {
+    if (r == nullptr || r->abortFd < 0) return;
+    const uint64_t one = 1;
+    while (write(r->abortFd, &one, sizeof(one)) < 0 && errno == EINTR) {
+    }
+}
+
+int liveProbeThreads() { return g_liveProbeThreads.load(); }
+
 void* makeRawPingFunc(void* rtt) {
+    g_liveProbeThreads.fetch_add(1);
     InterfaceRtt* r = static_cast<InterfaceRtt*>(rtt);
     Parameters* params = Parameters::instance();
     // Read once when the thread starts.
     const int intervalMs = params->getPingIntervalMs();
     const std::chrono::milliseconds interval(intervalMs > 0 ? intervalMs : 0);
+    const int abortFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 
     // The record's name never changes while its thread runs.
     tcping_info info;
     info.ifname = r->ifname;
-    std::string server = params->getRttServer();
-    info.server = server.c_str();
-    info.port = params->getRttServerPort();
-
+    info.abortFd = abortFd;
     std::unique_lock<std::mutex> lock(g_slsMapMutex);
+    r->abortFd = abortFd;
     for (;;) {
         if (r->running) {
             if (!r->alive) break;
             // The probe target can change at any time (VoIP peer, commands).
-            server = params->getRttServer();
+            const std::string server = params->getRttServer();
             info.server = server.c_str();
             info.port = params->getRttServerPort();
-            r->setSpeed(Tcping::updateTcpingRtt(&info, r->rssiPenaltyMs));
-            SmartLinkSelection::publishState();
+            const int penalty = r->rssiPenaltyMs;
+            const uint32_t epoch = r->epoch;
+            r->probeNow = false;
+            // Aborts are requested under the lock: one pending now was meant for
+            // an earlier probe, and its reason is in the record's state.
+            drain(abortFd);
+            lock.unlock();
+            const int result = Tcping::updateTcpingRtt(&info, penalty);
+            lock.lock();
+            if (!r->alive) break;
+            if (r->running && r->epoch == epoch) {
+                const bool wasFailed = r->speed == -1;
+                r->setSpeed(result);
+                if (r->speed != -1) {
+                    r->failCause = LinkFailCause::None;
+                } else if (!wasFailed) {
+                    vord::wakeMainLoop();  // the link just failed: decide now
+                }
+                SmartLinkSelection::publishState();
+            }
         }
         if (!r->alive) break;
-        pingWakeup().wait_for(lock, interval, [r] { return !r->alive; });
+        pingWakeup().wait_for(lock, interval, [r] { return !r->alive || (r->probeNow && r->running); });
         if (!r->alive) break;
     }
+    r->abortFd = -1;
+    lock.unlock();
+    if (abortFd >= 0) close(abortFd);
+    g_liveProbeThreads.fetch_sub(1);
     return rtt;
 }

@@ -3,12 +3,21 @@
 
 #include <condition_variable>
 
+class InterfaceRtt;
+
 // Thread body; `rtt` is the link's InterfaceRtt. Probes the link once per
 // "ping_interval_ms" while the record is running, and ends once it sees the
 // record no longer alive. Returns its argument.
 void* makeRawPingFunc(void* rtt);
 
 // Wakes every probe thread from its sleep between two probes. Whoever clears a
-// record's `alive` (under g_slsMapMutex) notifies it afterwards, so the thread
-// ends at once instead of after its interval.
+// record's `alive` or sets its `probeNow` (under g_slsMapMutex) notifies it
+// afterwards, so the thread acts at once instead of after its interval.
 std::condition_variable& pingWakeup();
+
+// Ends the probe in progress of `r`'s thread at once (its result is not
+// counted). Caller holds g_slsMapMutex.
+void abortProbe(InterfaceRtt* r);
+
+// Probe threads running now (for tests: each has ended once this drops).
+int liveProbeThreads();

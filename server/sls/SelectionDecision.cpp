@@ -1,6 +1,12 @@
 // The per-period link-selection step: pick the best link by network level, switch
 // to it when the hysteresis allows, and the two mode-specific duties (the VoIP
 // peer as probe target, the end of game mode's RTT check).
+//
+// Two departures from the documented choice, both about links that cannot carry
+// traffic: a record whose link has left the registry is never chosen, and a link
+// that is down (link events: no carrier, administratively down, removed, no IPv4
+// address) is left out while any other link is not down. Each switch is recorded
+// with its reason for the status snapshot.
 
 #define LOG_TAG "MUX-Vord-SlaPing"
 
@@ -62,6 +68,7 @@ void SmartLinkSelection::calcInterface() {
     if (best == prev) return;
 
     ALOGI("%s SLA_RTT_SELECTED perform switch %s ", "calcInterface", best->ifname);
+    noteSwitch(prev, best);
     if (m_switcher) {
         m_switcher(best->ifname);
     } else {
@@ -81,10 +88,23 @@ void SmartLinkSelection::calcInterface() {
     vord::bump(vord::counters().linkSwitches);
 }
 
+bool SmartLinkSelection::excluded(const InterfaceRtt* r, bool anyUp) const {
+    return r->retired || (r->down && anyUp);
+}
+
 InterfaceRtt* SmartLinkSelection::getFastestInterface() {
     InterfaceRtt* best = nullptr;
     int32_t bestLevel = 0;
+    bool anyUp = false;
+    for (const auto& entry : m_slsInterfaceMap) {
+        anyUp = anyUp || (entry.second != nullptr && !entry.second->retired && !entry.second->down);
+    }
     InterfaceRtt* cur = m_currentInterface;
+    // A current link that cannot be chosen neither wins ties nor holds a switch back.
+    if (cur != nullptr && excluded(cur, anyUp)) {
+        m_switchCount = 0;
+        cur = nullptr;
+    }
     for (auto& entry : m_slsInterfaceMap) {
         InterfaceRtt* r = entry.second;
         if (r == nullptr) continue;
@@ -92,6 +112,7 @@ InterfaceRtt* SmartLinkSelection::getFastestInterface() {
         if (r->level == 1 && cur != nullptr && strcmp(cur->ifname, r->ifname) == 0) {
             m_switchCount = 0;  // the current link failed: nothing holds a switch back
         }
+        if (excluded(r, anyUp)) continue;
         if (r->level > bestLevel) {
             best = r;
             bestLevel = r->level;
@@ -108,6 +129,43 @@ InterfaceRtt* SmartLinkSelection::getFastestInterface() {
               best->level);
     }
     return best;
+}
+
+void SmartLinkSelection::noteSwitch(const InterfaceRtt* prev, const InterfaceRtt* best) {
+    SlsLastSwitch s;
+    const timeval t = now();
+    s.valid = true;
+    s.wallMs = static_cast<int64_t>(t.tv_sec) * 1000 + t.tv_usec / 1000;
+    s.to = best->ifname;
+    char detail[160];
+    if (prev == nullptr && !m_removedCurrent.empty()) {
+        s.from = m_removedCurrent;
+        s.reason = "framework-removed";
+        snprintf(detail, sizeof(detail), "%s was removed by the framework", m_removedCurrent.c_str());
+    } else if (prev == nullptr) {
+        s.reason = "initial";
+        snprintf(detail, sizeof(detail), "no link was selected");
+    } else if (prev->retired) {
+        s.from = prev->ifname;
+        s.reason = "framework-removed";
+        snprintf(detail, sizeof(detail), "%s left the framework's interface list", prev->ifname);
+    } else if (prev->speed == -1 && prev->failCause != LinkFailCause::None) {
+        s.from = prev->ifname;
+        s.reason = linkFailCauseKey(prev->failCause);
+        snprintf(detail, sizeof(detail), "%s %s", prev->ifname, linkFailCauseText(prev->failCause));
+    } else if (prev->level == 1) {
+        s.from = prev->ifname;
+        s.reason = "link-failed";
+        snprintf(detail, sizeof(detail), "%s failed after %d misses", prev->ifname, prev->missCount);
+    } else {
+        s.from = prev->ifname;
+        s.reason = "better-level";
+        snprintf(detail, sizeof(detail), "%s level %d above %s level %d", best->ifname, best->level,
+                 prev->ifname, prev->level);
+    }
+    s.detail = detail;
+    m_removedCurrent.clear();
+    m_lastSwitch = std::move(s);
 }
 
 bool SmartLinkSelection::hystCheckAndUpdate(timeval& window) {
@@ -175,11 +233,12 @@ void SmartLinkSelection::setVoipIpAddressAndPort() {
     char address[32] = {};
     char port[32] = {};
     SlaStatsImpl::instance()->getSlaVoipState(address, port);
-    const int a = atoi(address);
+    // The address is the module's 32-bit value in decimal: parsed unsigned, so a
+    // last octet of 128 or more (a value above INT32_MAX) needs no wrapping.
+    const uint32_t ua = static_cast<uint32_t>(strtoul(address, nullptr, 10));
     const int p = atoi(port);
     const uint32_t p16 = static_cast<uint32_t>(p) & 0xFFFFu;
-    if (a == 0 || p16 == 0) return;
-    const uint32_t ua = static_cast<uint32_t>(a);
+    if (ua == 0 || p16 == 0) return;
     char text[32];
     snprintf(text, sizeof(text), "%u.%u.%u.%u", ua & 0xFFu, (ua >> 8) & 0xFFu, (ua >> 16) & 0xFFu,
              ua >> 24);

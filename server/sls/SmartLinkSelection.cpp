@@ -4,7 +4,13 @@
 // the engine's control mutex, so a record is never deleted or replaced between the
 // join of its thread and the delete, and no second thread is ever started for a
 // record. Threads are joined with g_slsMapMutex released (the probe thread takes
-// it on every pass).
+// it on every pass); ending a thread also aborts its probe in progress, so a join
+// waits for no probe time-out.
+//
+// Records whose link has left the registry are deleted by every teardown and
+// never chosen, also when no map update removed them (game mode 2): a deliberate
+// departure from the documented behaviour, which leaves them in place to be
+// probed and chosen by a later start.
 
 #define LOG_TAG "MUX-Vord-SlaPing"
 
@@ -19,6 +25,7 @@
 #include <utility>
 
 #include "config/Parameters.h"
+#include "loop/MainLoopWakeup.h"
 #include "rules/IptablesManager.h"
 #include "sls/PingThread.h"
 
@@ -60,6 +67,16 @@ std::vector<std::string> namesOf(const std::vector<RegistryEntry>& entries) {
 
 bool listed(const std::vector<std::string>* names, const std::string& name) {
     return names == nullptr || std::find(names->begin(), names->end(), name) != names->end();
+}
+
+// Names of the records that `registry` does not hold. Caller holds g_slsMapMutex.
+std::vector<std::string> strayNames(const std::map<std::string, InterfaceRtt*>& records,
+                                    const std::vector<std::string>& registry) {
+    std::vector<std::string> out;
+    for (const auto& entry : records) {
+        if (!listed(&registry, entry.first)) out.push_back(entry.first);
+    }
+    return out;
 }
 
 }  // namespace
@@ -135,6 +152,7 @@ void SmartLinkSelection::publishState() {
             if (r == nullptr) continue;
             state.links.push_back({r->ifname, r->speed, r->level, r->missCount, r->rssiPenaltyMs, r->running});
         }
+        state.lastSwitch = engine->m_lastSwitch;
     }
     std::lock_guard<std::mutex> published(g_publishedMutex);
     g_published = std::move(state);
@@ -149,6 +167,11 @@ bool SmartLinkSelection::trySnapshotState(SlsState& out) {
     if (!g_published.exists) return false;
     out = g_published;
     return true;
+}
+
+std::string SmartLinkSelection::publishedCurrent() {
+    std::lock_guard<std::mutex> published(g_publishedMutex);
+    return g_published.exists ? g_published.current : std::string();
 }
 
 // ---- seams ----
@@ -177,6 +200,7 @@ void SmartLinkSelection::endThreads(const std::vector<std::string>* names) {
             InterfaceRtt* r = entry.second;
             if (r == nullptr || !listed(names, entry.first)) continue;
             r->alive = false;
+            abortProbe(r);
             if (r->thread != InterfaceRtt::noThread()) joins.emplace_back(r, r->thread);
         }
     }
@@ -209,6 +233,19 @@ void SmartLinkSelection::deleteRecord(InterfaceRtt* record) {
     delete record;
 }
 
+InterfaceRtt* SmartLinkSelection::newRecord(const std::string& name, int minPingTimes, bool running,
+                                            bool slave) {
+    InterfaceRtt* fresh = InterfaceRtt::create(name.c_str(), minPingTimes, running);
+    if (fresh == nullptr) return nullptr;
+    fresh->m_slaveHint = slave;
+    auto down = m_downLinks.find(name);
+    if (down != m_downLinks.end()) {
+        fresh->down = true;
+        fresh->forceFail(down->second);
+    }
+    return fresh;
+}
+
 void SmartLinkSelection::initPingThreads() {
     std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
     std::vector<std::string> names;
@@ -216,16 +253,27 @@ void SmartLinkSelection::initPingThreads() {
         std::lock_guard<std::mutex> registry(g_interfaceMapMutex);
         names = namesOf(registryEntries());
     }
-    // Records about to be replaced lose their threads first.
-    endThreads(&names);
+    // Records about to be replaced, and those of links no longer registered, lose
+    // their threads first; the latter are deleted.
+    std::vector<std::string> stray;
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        stray = strayNames(m_slsInterfaceMap, names);
+    }
+    std::vector<std::string> ending = names;
+    ending.insert(ending.end(), stray.begin(), stray.end());
+    endThreads(&ending);
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        for (const std::string& name : stray) eraseRecord(name);
+    }
 
     const int minPingTimes = Parameters::instance()->getMinPingTimes();
     std::lock_guard<std::mutex> registry(g_interfaceMapMutex);
     for (const RegistryEntry& entry : registryEntries()) {
-        InterfaceRtt* fresh = InterfaceRtt::create(entry.name.c_str(), minPingTimes, false);
-        if (fresh == nullptr) continue;
-        fresh->m_slaveHint = entry.slave;
         std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        InterfaceRtt* fresh = newRecord(entry.name, minPingTimes, false, entry.slave);
+        if (fresh == nullptr) continue;
         InterfaceRtt*& slot = m_slsInterfaceMap[entry.name];
         if (slot != nullptr && slot->thread != InterfaceRtt::noThread()) {
             // Only possible for an interface registered since the threads were
@@ -269,31 +317,51 @@ void SmartLinkSelection::threadDestory() {
 
 void SmartLinkSelection::destoryPingThreads() {
     std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
-    std::vector<std::string> names;
-    {
-        std::lock_guard<std::mutex> registry(g_interfaceMapMutex);
-        names = namesOf(registryEntries());
-    }
-    // Normally done by threadDestory already; no record is deleted under a thread.
-    endThreads(&names);
+    // The registry's records and those of links that have left it. Normally done
+    // by threadDestory already; no record is deleted under a thread.
+    endThreads(nullptr);
 
-    std::lock_guard<std::mutex> registry(g_interfaceMapMutex);
     std::lock_guard<std::mutex> lock(g_slsMapMutex);
-    for (const std::string& name : names) {
-        auto it = m_slsInterfaceMap.find(name);
-        if (it == m_slsInterfaceMap.end()) continue;
-        if (it->second != nullptr && it->second->thread != InterfaceRtt::noThread()) continue;
-        deleteRecord(it->second);
-        m_slsInterfaceMap.erase(it);
-    }
+    std::vector<std::string> names;
+    for (const auto& entry : m_slsInterfaceMap) names.push_back(entry.first);
+    for (const std::string& name : names) eraseRecord(name);
     m_currentInterface = nullptr;
+    m_removedCurrent.clear();
+    publishState();
+}
+
+bool SmartLinkSelection::eraseRecord(const std::string& name) {
+    auto it = m_slsInterfaceMap.find(name);
+    if (it == m_slsInterfaceMap.end()) return false;
+    if (it->second != nullptr && it->second->thread != InterfaceRtt::noThread()) return false;
+    deleteRecord(it->second);
+    m_slsInterfaceMap.erase(it);
+    return true;
+}
+
+bool SmartLinkSelection::probingPaused() {
+    std::lock_guard<std::mutex> lock(g_slsMapMutex);
+    for (const auto& entry : m_slsInterfaceMap) {
+        const InterfaceRtt* r = entry.second;
+        if (r != nullptr && (!r->running || r->thread == InterfaceRtt::noThread())) return true;
+    }
+    return false;
 }
 
 bool SmartLinkSelection::updateSlsInterfacemap(const char* ifname, bool add) {
     if (ifname == nullptr) return true;
     std::lock_guard<std::recursive_mutex> control(g_slsControlMutex);
     Parameters* params = Parameters::instance();
-    if (!params->isVoipRunning() && params->isGamingRunning() != 1) return true;
+    if (!params->isVoipRunning() && params->isGamingRunning() != 1) {
+        // The map is not updated; a record of a link that left the registry is
+        // only kept out of the choice until the next teardown deletes it.
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        auto it = m_slsInterfaceMap.find(ifname);
+        if (it == m_slsInterfaceMap.end() || it->second == nullptr) return true;
+        it->second->retired = !add;
+        if (!add && it->second == m_currentInterface) vord::wakeMainLoop();
+        return true;
+    }
     const std::vector<std::string> name{ifname};
 
     if (!add) {
@@ -307,9 +375,15 @@ bool SmartLinkSelection::updateSlsInterfacemap(const char* ifname, bool add) {
         std::lock_guard<std::mutex> lock(g_slsMapMutex);
         auto it = m_slsInterfaceMap.find(ifname);
         if (it == m_slsInterfaceMap.end()) return true;
-        deleteRecord(it->second);
-        m_slsInterfaceMap.erase(it);
+        const bool wasCurrent = it->second != nullptr && it->second == m_currentInterface;
+        eraseRecord(ifname);
         ALOGI("m_slsInterfaceMap del %s success!", ifname);
+        if (wasCurrent) {
+            // The gaming UIDs' rule points at a link that is gone: decide now.
+            m_removedCurrent = ifname;
+            vord::wakeMainLoop();
+        }
+        publishState();
         return true;
     }
 
@@ -319,13 +393,12 @@ bool SmartLinkSelection::updateSlsInterfacemap(const char* ifname, bool add) {
         InterfaceInfo_t* info = params->findInterface(ifname);
         slave = info != nullptr && info->slave;
     }
-    InterfaceRtt* fresh = InterfaceRtt::create(ifname, params->getMinPingTimes(), true);
-    if (fresh == nullptr) return true;
-    fresh->m_slaveHint = slave;
     // A record already stored under the name is replaced only once its thread
     // has ended.
     endThreads(&name);
     std::lock_guard<std::mutex> lock(g_slsMapMutex);
+    InterfaceRtt* fresh = newRecord(ifname, params->getMinPingTimes(), true, slave);
+    if (fresh == nullptr) return true;
     InterfaceRtt*& slot = m_slsInterfaceMap[ifname];
     deleteRecord(slot);
     slot = fresh;

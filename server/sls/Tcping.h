@@ -1,6 +1,10 @@
 // The RTT probe: a short TCP exchange with the probe server over one interface.
 // The result is the kernel's own smoothed RTT of the connection (TCP_INFO), not a
 // stopwatch reading.
+//
+// Every wait of a probe (connect, each send and receive) also watches the
+// record's abort descriptor, so a probe whose link is being ended or has just
+// gone down stops at once instead of waiting out its time-outs.
 #pragma once
 
 #include <netinet/in.h>
@@ -10,11 +14,15 @@
 // One probe's working record, owned by the caller.
 struct tcping_info {
     int sockfd = -1;
-    sockaddr_in addr{};
+    // The probe server's address: filled from `server` and `port` by
+    // populateTcpingSocket; its family decides the socket's.
+    sockaddr_storage addr{};
+    socklen_t addrLen = 0;
     const char* ifname = nullptr;  // interface to bind to; null: unbound
-    const char* server = nullptr;  // dotted IPv4 text of the probe server
+    const char* server = nullptr;  // address text of the probe server (dotted IPv4)
     int rtt = 0;                   // result, ms
     int port = 0;                  // probe server port, host order (low 16 bits)
+    int abortFd = -1;              // readable: give up at once (-1: none)
 };
 
 class Tcping {
@@ -33,8 +41,21 @@ class Tcping {
     static int getTcpingRtt(tcping_info* info, int offsetMs);
     // Non-blocking connect with a deadline; 0 or positive on success, -1 on
     // failure. The descriptor's flags are restored in every case.
-    static int connect_with_timeout(int fd, const sockaddr* addr, unsigned len, timespec timeout);
+    static int connect_with_timeout(int fd, const sockaddr* addr, unsigned len, timespec timeout,
+                                    int abortFd = -1);
     // Fills the first len - 2 bytes of `out` with random letters and digits and
     // writes a NUL at len - 1. Returns 0.
     static int genRandomString(int len, char* out);
+
+    // Whether `ifname` still reaches `server`:`port`: a connection bound to the
+    // link is attempted within `timeoutMs`. True when the server answered, by
+    // accepting or refusing; false when nothing came back in time or the socket
+    // could not be set up. No data is exchanged, so the server's manner of
+    // answering data plays no part.
+    static bool linkAnswers(const char* ifname, const char* server, int port, int timeoutMs);
+
+    // The probe server's address from its text (dotted IPv4, inet_addr's forms)
+    // and port. False when the text is not an address; `out` then holds an
+    // unusable address that fails at connect.
+    static bool fillTarget(const char* server, int port, sockaddr_storage* out, socklen_t* len);
 };

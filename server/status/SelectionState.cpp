@@ -20,6 +20,8 @@ EngineRead readSelectionEngine(EngineState* out) {
     for (const SlsLinkState& l : state.links) {
         out->links.push_back({l.ifname, l.speed, l.level, l.missCount, l.rssiPenaltyMs, l.running});
     }
+    const SlsLastSwitch& last = state.lastSwitch;
+    out->lastSwitch = {last.valid, last.wallMs, last.from, last.to, last.reason, last.detail};
     return EngineRead::Read;
 }
 

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "status/StatusText.h"
+
 namespace vord {
 namespace status {
 
@@ -20,6 +22,7 @@ struct EngineState {
     std::string current;  // empty when no link is current
     int switchCount = 0;  // switches in the current hysteresis window
     std::vector<EngineLink> links;
+    LastSwitch lastSwitch;
 };
 
 enum class EngineRead {

@@ -78,6 +78,7 @@ void collectSelection(const Snapshot& previous, Snapshot* out) {
             out->engine = previous.engine;
             out->current = previous.current;
             out->switches = previous.switches;
+            out->lastSwitch = previous.lastSwitch;
             for (LinkStatus& l : out->links) {
                 const LinkStatus* p = findLink(previous.links, l.name);
                 if (p == nullptr || !p->probed) continue;
@@ -95,6 +96,7 @@ void collectSelection(const Snapshot& previous, Snapshot* out) {
     out->engine = true;
     out->current = engine.current;
     out->switches = engine.switchCount;
+    out->lastSwitch = engine.lastSwitch;
     for (const EngineLink& e : engine.links) {
         LinkStatus* l = findLink(out->links, e.ifname);
         if (l == nullptr) continue;

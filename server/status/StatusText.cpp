@@ -28,11 +28,17 @@ bool LinkStatus::operator==(const LinkStatus& o) const {
            misses == o.misses && rssiPenaltyMs == o.rssiPenaltyMs && probing == o.probing;
 }
 
+bool LastSwitch::operator==(const LastSwitch& o) const {
+    return valid == o.valid && wallMs == o.wallMs && from == o.from && to == o.to &&
+           reason == o.reason && detail == o.detail;
+}
+
 bool sameContent(const Snapshot& a, const Snapshot& b) {
     return a.version == b.version && a.pid == b.pid && a.state == b.state &&
            a.periodMs == b.periodMs && a.links == b.links && a.mode == b.mode &&
            a.engine == b.engine && a.current == b.current && a.switches == b.switches &&
            a.probeServer == b.probeServer && a.probePort == b.probePort &&
+           a.lastSwitch == b.lastSwitch &&
            a.slaWhitelist == b.slaWhitelist && a.gamingUids == b.gamingUids &&
            a.dwWhitelist == b.dwWhitelist && a.ddWhitelist == b.ddWhitelist &&
            a.gateways == b.gateways && a.dwMonitor == b.dwMonitor && a.dwSelect == b.dwSelect &&
@@ -125,6 +131,13 @@ std::string format(const Snapshot& s) {
     w.number("selection.switches", s.switches);
     w.text("selection.probe_server", s.probeServer);
     w.number("selection.probe_port", s.probePort);
+    if (s.lastSwitch.valid) {
+        w.seconds("selection.last_switch_wall", s.lastSwitch.wallMs);
+        w.text("selection.last_switch_from", s.lastSwitch.from);
+        w.text("selection.last_switch_to", s.lastSwitch.to);
+        w.text("selection.last_switch_reason", s.lastSwitch.reason);
+        w.text("selection.last_switch_detail", s.lastSwitch.detail);
+    }
     w.unsignedNumber("features.sla_whitelist", s.slaWhitelist);
     w.unsignedNumber("features.gaming_uids", s.gamingUids);
     w.unsignedNumber("features.dw_whitelist", s.dwWhitelist);
@@ -249,6 +262,30 @@ const std::vector<Field>& topFields() {
     return fields;
 }
 
+// The last switch's keys: all of them, or none (no switch yet).
+const std::vector<Field>& lastSwitchFields() {
+    static const std::vector<Field> fields = {
+        {"selection.last_switch_wall", [](Snapshot& s, const std::string& v) { return toMs(v, &s.lastSwitch.wallMs); }},
+        {"selection.last_switch_from", [](Snapshot& s, const std::string& v) { return s.lastSwitch.from = v, true; }},
+        {"selection.last_switch_to", [](Snapshot& s, const std::string& v) { return s.lastSwitch.to = v, !v.empty(); }},
+        {"selection.last_switch_reason", [](Snapshot& s, const std::string& v) { return s.lastSwitch.reason = v, !v.empty(); }},
+        {"selection.last_switch_detail", [](Snapshot& s, const std::string& v) { return s.lastSwitch.detail = v, true; }},
+    };
+    return fields;
+}
+
+// Sets `key` from the table; -1 when the key is not in it, else its index (and
+// false in *ok for a bad value).
+int setFromTable(const std::vector<Field>& fields, Snapshot& s, const std::string& key,
+                 const std::string& value, bool* ok) {
+    for (size_t i = 0; i < fields.size(); ++i) {
+        if (key != fields[i].key) continue;
+        *ok = fields[i].set(s, value);
+        return static_cast<int>(i);
+    }
+    return -1;
+}
+
 // Link fields; the bit of each tells which ones a group carries.
 enum : unsigned {
     kMark = 1, kTable = 2, kMetered = 4, kSlave = 8,  // required
@@ -285,6 +322,7 @@ bool parse(const std::string& text, Snapshot* out, std::string* error) {
     Snapshot s;
     const std::vector<Field>& fields = topFields();
     std::vector<bool> seen(fields.size(), false);
+    size_t switchKeys = 0;
     std::vector<unsigned> linkBits;
     bool ended = false;
     size_t lineNo = 0;
@@ -323,21 +361,24 @@ bool parse(const std::string& text, Snapshot* out, std::string* error) {
             linkBits.back() |= bit;
             continue;
         }
-        for (size_t i = 0; i < fields.size(); ++i) {
-            if (key != fields[i].key) continue;
-            if (!fields[i].set(s, value)) return fail(where + "bad value of " + key + ": " + value.substr(0, 60));
-            seen[i] = true;
-            if (i == 0 && (s.version < 1 || s.version > kFormatVersion)) {
-                return fail("unsupported format version " + value + " (this reader knows up to " +
-                            std::to_string(kFormatVersion) + ")");
-            }
-            break;
+        bool ok = true;
+        const int i = setFromTable(fields, s, key, value, &ok);
+        if (i < 0 && setFromTable(lastSwitchFields(), s, key, value, &ok) >= 0) switchKeys += 1;
+        if (!ok) return fail(where + "bad value of " + key + ": " + value.substr(0, 60));
+        if (i >= 0) seen[static_cast<size_t>(i)] = true;
+        if (i == 0 && (s.version < 1 || s.version > kFormatVersion)) {
+            return fail("unsupported format version " + value + " (this reader knows up to " +
+                        std::to_string(kFormatVersion) + ")");
         }
     }
     if (!ended) return fail(text.empty() ? "empty file" : "no end line (file cut short)");
     for (size_t i = 0; i < fields.size(); ++i) {
         if (!seen[i]) return fail(std::string("missing key ") + fields[i].key);
     }
+    if (switchKeys != 0 && switchKeys != lastSwitchFields().size()) {
+        return fail("only some of the selection.last_switch_ keys");
+    }
+    s.lastSwitch.valid = switchKeys != 0;
     for (size_t i = 0; i < s.links.size(); ++i) {
         unsigned b = linkBits[i];
         const std::string& n = s.links[i].name;

@@ -57,6 +57,20 @@ struct LinkStatus {
     bool operator!=(const LinkStatus& o) const { return !(*this == o); }
 };
 
+// The last switch of link selection (the "selection.last_switch_*" keys, written
+// once a switch has been made).
+struct LastSwitch {
+    bool valid = false;
+    int64_t wallMs = 0;   // when, wall clock
+    std::string from;     // empty when no link was current
+    std::string to;
+    std::string reason;   // initial, better-level, link-failed, carrier-lost, admin-down,
+                          // link-removed, address-lost, stall, framework-removed
+    std::string detail;   // one line for people
+
+    bool operator==(const LastSwitch& o) const;
+};
+
 struct Snapshot {
     // Header.
     int version = kFormatVersion;
@@ -75,6 +89,7 @@ struct Snapshot {
     int switches = 0;          // switches in the current hysteresis window
     std::string probeServer;
     int probePort = 0;
+    LastSwitch lastSwitch;
 
     // Features.
     uint32_t slaWhitelist = 0;

@@ -122,14 +122,17 @@ class LinkLab {
     bool setDelay(const std::string& link, int oneWayMs) const {
         return run("delay " + name_ + " " + link + " " + std::to_string(oneWayMs));
     }
-    // How the echo server at 1.1.1.1:443 answers: exactly what it receives
-    // (the default), or `fill`: two more bytes after every 58 received, so the
-    // daemon's probe (58 out, up to 60 in with MSG_WAITALL) completes each
-    // exchange in one round trip instead of at its 500 ms receive time-out.
-    bool setProbeEcho(bool fill) const {
-        return run("probe-echo " + name_ + (fill ? " fill" : " exact"));
+    // How the probe server at 1.1.1.1:443 answers: "exact" (the default) echoes,
+    // "fill" adds two bytes after every 58 received, so the daemon's probe (58
+    // out, up to 60 in with MSG_WAITALL) completes each exchange in one round
+    // trip instead of at its 500 ms receive time-out; "close" answers with a TLS
+    // alert and closes; "silent" never answers.
+    bool setProbeServer(const std::string& mode) const { return run("probe-echo " + name_ + " " + mode); }
+    // The link's carrier on the handset side (off: nothing passes either).
+    bool setCarrier(const std::string& link, bool on) const {
+        return run("carrier " + name_ + " " + link + (on ? " on" : " off"));
     }
-    // "lab NAME pid N default LINK probe-echo exact|fill" then one line per link:
+    // "lab NAME pid N default LINK probe-echo MODE" then one line per link:
     // "wlan0 delay=20ms rtt=40ms state=up|cut handset=... peer=... table=... ..."
     std::string status() const { return output("status " + name_); }
     // The servers' log: "echo|app accept|close peer=A:P link=L" lines.

@@ -99,7 +99,7 @@ TEST_F(LinkLabE2E, DelaysRoutesCutsFillModeAndTeardown) {
     const std::string daemonLike = "--receive 60 --timeout 300 --exchanges 3";
     const std::string exact = lab->probe("wlan0", daemonLike);
     EXPECT_GE(LinkLab::field(exact, "elapsed_ms"), 3 * 300) << exact;  // each at the time-out
-    ASSERT_TRUE(lab->setProbeEcho(true));
+    ASSERT_TRUE(lab->setProbeServer("fill"));
     EXPECT_NE(lab->status().find(" probe-echo fill\n"), std::string::npos);
     const std::string fill = lab->probe("wlan0", daemonLike);
     EXPECT_EQ(LinkLab::field(fill, "exchanges"), 3) << fill;

@@ -20,7 +20,7 @@ class MonitorsE2E : public LabTest {};
 
 TEST_F(MonitorsE2E, GameServerBecomesTheProbeTargetAndDualWifiMonitorFollowsACut) {
     ASSERT_NO_FATAL_FAILURE(buildLab({{"wlan0", 5}, {"wlan1", 5}}));
-    ASSERT_TRUE(lab->setProbeEcho(true));  // probes complete in one round trip
+    ASSERT_TRUE(lab->setProbeServer("fill"));  // probes complete in one round trip
     auto sim = startSimulator(root, "wlan0=800kbit\nwlan1=800kbit\n");
     ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=200\nideal_est_window=1000\nping_interval_ms=300\n"));
     // "wlan0=P wlan1=P" of the "vexo_SLA" cascade in the kernel, in rule order.

@@ -45,7 +45,7 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
     // The echo's two bytes more per exchange complete the probe's 60-byte
     // receive in one round trip instead of at its 500 ms time-out.
     ASSERT_NO_FATAL_FAILURE(buildLab({{"wlan0", 20}, {"rmnet_data0", 15}}, "rmnet_data0"));
-    ASSERT_TRUE(lab->setProbeEcho(true));
+    ASSERT_TRUE(lab->setProbeServer("fill"));
     root.writeFile("/proc/sla/config", "");
     ASSERT_NO_FATAL_FAILURE(startDaemon(kConf));
     auto snapshot = [&](status::Snapshot* out) { return status::parse(root.readFile(kSnapshot), out, nullptr); };

@@ -59,7 +59,7 @@ TEST_F(DaemonTest, FiftyRoundsOfEachFeatureThenShutdownWhileAllRun) {
     ASSERT_TRUE(daemon.stopThroughProperty()) << daemon.log();
     const std::string log = daemon.log(), beforeExit = log.substr(0, log.find("Vord exiting"));
     for (int i = 0; i < 3; ++i) EXPECT_EQ(stops[i] + 1, countOf(beforeExit, monitors[i])) << monitors[i];
-    expectThreads(baseline - 1);  // only the control thread is gone besides them
+    expectThreads(baseline - 2);  // only the control thread and the link-event monitor are gone besides them
 }
 
 }  // namespace

@@ -164,6 +164,7 @@ TEST_F(MonitorTest, TcpMonitorTargetsTheGameServerAndActsOnHighRttOnce) {
     SlaTcpSocketMonitor monitor(&p, std::move(source), [&](Parameters* params) {
         ++highRttCalls;
         params->setServiceHighRtt(true);  // as enterServiceHighRtt does
+        return true;
     });
     // Another UID's slow connection, then failing dumps: the target stays.
     d->sockets = {tcpSocket(10999, "203.0.113.5", 7000, 5000, 5000, 300000)};

@@ -196,11 +196,19 @@ std::string LabDaemon::handle(const std::string& line) {
     in >> verb >> link >> value;
     if (verb == "status") {
         return "lab " + lab_ + " pid " + std::to_string(getpid()) + " default " + defaultLink_ +
-               " probe-echo " + (servers_->fill() ? "fill" : "exact") + "\n" + relay_.status();
+               " probe-echo " + probeModeName(servers_->mode()) + "\n" + relay_.status();
     }
-    if (verb == "probe-echo" && (link == "exact" || link == "fill")) {
-        servers_->setFill(link == "fill");
+    ProbeMode mode;
+    if (verb == "probe-echo" && parseProbeMode(link, mode)) {
+        servers_->setMode(mode);
         printf("probe-echo %s\n", link.c_str());
+        fflush(stdout);
+        return "ok\n";
+    }
+    if (verb == "carrier" && (value == "on" || value == "off")) {
+        std::string error;
+        if (!relay_.setCarrier(link, value == "on", error)) return "error: " + error + "\n";
+        printf("carrier %s %s\n", link.c_str(), value.c_str());
         fflush(stdout);
         return "ok\n";
     }

@@ -20,6 +20,9 @@ namespace {
 constexpr size_t kMaxPending = 1 << 20;   // stop reading a client that does not read
 constexpr size_t kProbeMessage = 58;      // what a probe sends per exchange
 constexpr const char* kProbeFill = "..";  // up to the 60 bytes it waits for
+// A TLS alert record: fatal, decode_error.
+constexpr char kTlsAlert[] = {0x15, 0x03, 0x03, 0x00, 0x02, 0x02, 0x32};
+const char* const kModeNames[] = {"exact", "fill", "close", "silent"};
 
 int listenOn(const char* addr, int port, std::string& error) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -40,6 +43,18 @@ int listenOn(const char* addr, int port, std::string& error) {
 }
 
 }  // namespace
+
+bool parseProbeMode(const std::string& text, ProbeMode& mode) {
+    for (size_t i = 0; i < sizeof(kModeNames) / sizeof(kModeNames[0]); ++i) {
+        if (text == kModeNames[i]) {
+            mode = static_cast<ProbeMode>(i);
+            return true;
+        }
+    }
+    return false;
+}
+
+const char* probeModeName(ProbeMode mode) { return kModeNames[static_cast<size_t>(mode)]; }
 
 PeerServers::~PeerServers() {
     for (auto& [tag, c] : conns_) close(c.fd);
@@ -88,7 +103,13 @@ void PeerServers::onEvent(uint64_t tag, uint32_t events) {
 }
 
 void PeerServers::echo(Conn& c, const char* data, size_t size) {
-    if (c.app || !fill_) {
+    if (!c.app && mode_ == ProbeMode::Silent) return;
+    if (!c.app && mode_ == ProbeMode::Close) {
+        if (!c.closing) c.pending.append(kTlsAlert, sizeof(kTlsAlert));
+        c.closing = true;
+        return;
+    }
+    if (c.app || mode_ == ProbeMode::Exact) {
         c.pending.append(data, size);
         return;
     }
@@ -143,6 +164,10 @@ void PeerServers::flush(uint64_t tag, Conn& c) {
             return;
         }
         c.pending.erase(0, static_cast<size_t>(n));
+    }
+    if (c.pending.empty() && c.closing) {
+        closeConn(tag);
+        return;
     }
     watch_(c.fd, tag,
            (c.pending.size() < kMaxPending ? EPOLLIN : 0u) | (c.pending.empty() ? 0u : EPOLLOUT));

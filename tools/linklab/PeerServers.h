@@ -1,9 +1,12 @@
-// The servers of the peer namespace: the probe echo server (1.1.1.1:443, echoes
-// exactly what it receives; in "fill" mode it also adds two bytes after every
-// 58 received, so a probe's receive of 60 bytes with MSG_WAITALL completes
-// after one round trip instead of at its time-out) and the application server (198.18.0.10:8080,
-// greets each client with one line naming the peer address and the link it
-// came in on, then echoes). Each accepted and closed connection is logged, one
+// The servers of the peer namespace: the probe server (1.1.1.1:443), which
+// answers as its mode says (exact: echoes exactly what it receives; fill: also
+// adds two bytes after every 58 received, so a probe's receive of 60 bytes with
+// MSG_WAITALL completes after one round trip instead of at its time-out; close:
+// answers the first bytes with a 7-byte TLS alert record and closes, as a TLS
+// server answers bytes that are not a handshake; silent: accepts and never
+// answers) and the application server (198.18.0.10:8080, greets each client
+// with one line naming the peer address and the link it came in on, then
+// echoes). Each accepted and closed connection is logged, one
 // line each, with the link it used:
 //   "echo accept peer=10.66.1.2:40112 link=wlan0"
 //   "app close peer=10.66.3.2:51000 link=rmnet_data0"
@@ -17,6 +20,11 @@
 #include <string>
 
 namespace linklab {
+
+enum class ProbeMode { Exact, Fill, Close, Silent };
+// "exact", "fill", "close", "silent"; false for another text.
+bool parseProbeMode(const std::string& text, ProbeMode& mode);
+const char* probeModeName(ProbeMode mode);
 
 class PeerServers {
   public:
@@ -39,8 +47,8 @@ class PeerServers {
     void setWatchers(Watch watch, Unwatch unwatch);
     void start();
     void onEvent(uint64_t tag, uint32_t events);
-    void setFill(bool fill) { fill_ = fill; }
-    bool fill() const { return fill_; }
+    void setMode(ProbeMode mode) { mode_ = mode; }
+    ProbeMode mode() const { return mode_; }
 
   private:
     struct Conn {
@@ -48,6 +56,7 @@ class PeerServers {
         bool app = false;
         std::string peer, link, pending;
         size_t unit = 0;  // bytes of the current 58-byte message (fill mode)
+        bool closing = false;  // close once the pending bytes are out (close mode)
     };
     void accept(bool app);
     void echo(Conn& c, const char* data, size_t size);
@@ -57,7 +66,7 @@ class PeerServers {
     LinkFinder finder_;
     FILE* log_;
     int echoFd_ = -1, appFd_ = -1;
-    bool fill_ = false;
+    ProbeMode mode_ = ProbeMode::Exact;
     uint64_t nextTag_ = 2;
     std::map<uint64_t, Conn> conns_;
     Watch watch_;

@@ -74,7 +74,7 @@ void Relay::onReadable(size_t index, bool handsetSide, int64_t now) {
     for (int i = 0; i < kReadBurst; ++i) {
         const ssize_t n = read(in, buf, sizeof(buf));
         if (n <= 0) break;
-        if (link.cut) {
+        if (link.cut || link.noCarrier) {
             ++dir.dropped;
             continue;
         }
@@ -125,15 +125,42 @@ Relay::Link* Relay::find(const std::string& name) {
     return nullptr;
 }
 
+namespace {
+
+// What is on the wire of a link that stops carrying is lost too.
+void dropHeld(uint64_t& dropped, DelayLine& line) {
+    dropped += line.size();
+    line.clear();
+}
+
+}  // namespace
+
 bool Relay::setCut(const std::string& name, bool cut) {
     Link* l = find(name);
     if (l == nullptr) return false;
     l->cut = cut;
-    if (cut) {  // what is on the wire is lost too
-        l->up.dropped += l->up.line.size();
-        l->down.dropped += l->down.line.size();
-        l->up.line.clear();
-        l->down.line.clear();
+    if (cut) {
+        dropHeld(l->up.dropped, l->up.line);
+        dropHeld(l->down.dropped, l->down.line);
+    }
+    return true;
+}
+
+bool Relay::setCarrier(const std::string& name, bool on, std::string& error) {
+    Link* l = find(name);
+    if (l == nullptr) {
+        error = "no link " + name;
+        return false;
+    }
+    int carrier = on ? 1 : 0;
+    if (ioctl(l->handsetFd, TUNSETCARRIER, &carrier) != 0) {
+        error = "TUNSETCARRIER " + name + ": " + errnoName(errno);
+        return false;
+    }
+    l->noCarrier = !on;
+    if (!on) {
+        dropHeld(l->up.dropped, l->up.line);
+        dropHeld(l->down.dropped, l->down.line);
     }
     return true;
 }
@@ -150,7 +177,8 @@ std::string Relay::status() const {
     for (const Link& l : links_) {
         out += l.config.name + " delay=" + std::to_string(l.config.delayMs) +
                "ms rtt=" + std::to_string(2 * l.config.delayMs) +
-               "ms state=" + (l.cut ? "cut" : "up") + " handset=" + l.config.handsetAddr() +
+               "ms state=" + (l.cut ? "cut" : l.noCarrier ? "no-carrier" : "up") +
+               " handset=" + l.config.handsetAddr() +
                " peer=" + l.config.peerAddr() + " table=" + std::to_string(l.config.table()) +
                " up_packets=" + std::to_string(l.up.passed) +
                " down_packets=" + std::to_string(l.down.passed) +

@@ -35,6 +35,10 @@ class Relay {
     int64_t nextRelease() const;
 
     bool setCut(const std::string& link, bool cut);
+    // The carrier of the link's handset-side device (TUNSETCARRIER): off, the
+    // handset sees the link lose its carrier and nothing passes either way.
+    // False with `error` when there is no such link or the kernel refuses.
+    bool setCarrier(const std::string& link, bool on, std::string& error);
     bool setDelay(const std::string& link, int delayMs);
     // One line per link: name, delay, cut state, addresses, counters.
     std::string status() const;
@@ -53,6 +57,7 @@ class Relay {
     struct Link {
         LinkConfig config;
         bool cut = false;
+        bool noCarrier = false;
         int handsetFd = -1, peerFd = -1;
         Direction up, down;  // up: handset to peer
     };

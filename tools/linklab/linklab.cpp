@@ -17,6 +17,7 @@
 #include "LabDaemon.h"
 #include "LabSetup.h"
 #include "LabConfig.h"
+#include "PeerServers.h"
 #include "Probe.h"
 #include "Sys.h"
 
@@ -52,12 +53,19 @@ const char kUsage[] =
     "  cut NAME LINK   drop every packet of LINK, both ways (held ones too)\n"
     "  restore NAME LINK\n"
     "                  carry LINK's packets again\n"
-    "  probe-echo NAME exact|fill\n"
-    "                  how the echo server at 1.1.1.1:443 answers: exact (the\n"
+    "  carrier NAME LINK off|on\n"
+    "                  LINK's carrier on the handset side (TUNSETCARRIER): off, the\n"
+    "                  handset sees it lose its carrier (as when a radio loses its\n"
+    "                  access point) and nothing passes either way until on\n"
+    "  probe-echo NAME exact|fill|close|silent\n"
+    "                  how the probe server at 1.1.1.1:443 answers: exact (the\n"
     "                  default) sends back exactly what it receives; fill adds two\n"
     "                  bytes after every 58 received, so a probe that sends 58 and\n"
     "                  waits for 60 (MSG_WAITALL) gets them after one round trip\n"
-    "                  instead of at its receive time-out\n"
+    "                  instead of at its receive time-out; close answers the first\n"
+    "                  bytes with a 7-byte TLS alert record and closes (as a TLS\n"
+    "                  server answers bytes that are not a handshake); silent\n"
+    "                  accepts and never answers\n"
     "  delay NAME LINK MS\n"
     "                  change LINK's one-way delay (packets keep their order)\n"
     "  exec NAME [--peer] [--uid UID] -- CMD [ARGS...]\n"
@@ -277,10 +285,17 @@ int main(int argc, char** argv) {
         return request(lab, "delay " + rest[0] + " " + rest[1], false);
     }
     if (cmd == "probe-echo") {
-        if (rest.size() != 1 || (rest[0] != "exact" && rest[0] != "fill")) {
-            return usage("probe-echo NAME exact|fill");
+        ProbeMode mode;
+        if (rest.size() != 1 || !parseProbeMode(rest[0], mode)) {
+            return usage("probe-echo NAME exact|fill|close|silent");
         }
         return request(lab, "probe-echo " + rest[0], false);
+    }
+    if (cmd == "carrier") {
+        if (rest.size() != 2 || !validLinkName(rest[0]) || (rest[1] != "on" && rest[1] != "off")) {
+            return usage("carrier NAME LINK off|on");
+        }
+        return request(lab, "carrier " + rest[0] + " " + rest[1], false);
     }
     if (cmd == "exec") return cmdExec(lab, rest);
     if (cmd == "client") return cmdClient(lab, rest);

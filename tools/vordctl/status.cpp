@@ -174,6 +174,13 @@ std::string renderTable(const Snapshot& s, const Liveness& live) {
     out += printf_("Selection  mode %s, engine %s, current link %s, switches in window %d, probe target %s:%d\n",
                    s.mode.c_str(), s.engine ? "running" : "none", s.current.empty() ? "-" : s.current.c_str(),
                    s.switches, s.probeServer.c_str(), s.probePort);
+    if (s.lastSwitch.valid) {
+        const vord::status::LastSwitch& w = s.lastSwitch;
+        out += printf_("Last switch  %s -> %s at %s (%.1f s ago): %s, %s\n", w.from.empty() ? "(none)" : w.from.c_str(),
+                       w.to.c_str(), wallTime(w.wallMs).c_str(),
+                       static_cast<double>(nowMs(CLOCK_REALTIME) - w.wallMs) / 1000.0, w.reason.c_str(),
+                       w.detail.c_str());
+    }
     out += printf_("Features   UID lists: SLA whitelist %u, gaming %u, dual Wi-Fi %u, dual data %u; "
                    "gateways %u; dual Wi-Fi monitor %s, select status %d\n",
                    s.slaWhitelist, s.gamingUids, s.dwWhitelist, s.ddWhitelist, s.gateways,
@@ -235,7 +242,15 @@ std::string renderJson(const Snapshot& s, const Liveness& live) {
     o += printf_(",\"engine\":%s,\"current\":", jsonBool(s.engine));
     o += s.current.empty() ? std::string("null") : jsonString(s.current);
     o += printf_(",\"switches\":%d,\"probe_server\":", s.switches) + jsonString(s.probeServer);
-    o += printf_(",\"probe_port\":%d},", s.probePort);
+    o += printf_(",\"probe_port\":%d,\"last_switch\":", s.probePort);
+    if (s.lastSwitch.valid) {
+        const vord::status::LastSwitch& w = s.lastSwitch;
+        o += printf_("{\"time\":%.3f,\"from\":", static_cast<double>(w.wallMs) / 1000.0);
+        o += (w.from.empty() ? std::string("null") : jsonString(w.from)) + ",\"to\":" + jsonString(w.to) +
+             ",\"reason\":" + jsonString(w.reason) + ",\"detail\":" + jsonString(w.detail) + "}},";
+    } else {
+        o += "null},";
+    }
     o += printf_("\"features\":{\"sla_whitelist\":%u,\"gaming_uids\":%u,\"dw_whitelist\":%u,"
                  "\"dd_whitelist\":%u,\"gateways\":%u,\"dw_monitor\":%s,\"dw_select\":%d},",
                  s.slaWhitelist, s.gamingUids, s.dwWhitelist, s.ddWhitelist, s.gateways, jsonBool(s.dwMonitor),
