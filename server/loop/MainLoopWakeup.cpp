@@ -15,12 +15,12 @@ std::atomic<bool> g_enabled{true};
 
 }  // namespace
 
-void sleepUnlessWoken(std::chrono::microseconds period) {
+bool sleepUnlessWoken(std::chrono::microseconds period) {
     std::unique_lock<std::mutex> lock(g_wakeMutex);
-    if (period.count() > 0) {
-        g_wake.wait_for(lock, period, [] { return g_woken; });
-    }
+    if (period.count() > 0) g_wake.wait_for(lock, period, [] { return g_woken; });
+    const bool woken = g_woken;
     g_woken = false;
+    return woken;
 }
 
 void wakeMainLoop() {

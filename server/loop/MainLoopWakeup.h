@@ -9,8 +9,9 @@ namespace vord {
 
 // Sleeps for `period` or until wakeMainLoop() is called, whichever comes first.
 // A wake-up that arrives while the loop is not sleeping ends the next sleep at
-// once. A period of 0 returns at once. Main thread only.
-void sleepUnlessWoken(std::chrono::microseconds period);
+// once. A period of 0 returns at once. True when a wake-up ended it. Main thread
+// only.
+bool sleepUnlessWoken(std::chrono::microseconds period);
 
 // Ends the main loop's current (or next) sleep. Any thread; never blocks beyond a
 // leaf lock. Does nothing while wake-ups are disabled.

@@ -18,6 +18,8 @@ std::mutex g_linkInstanceMutex;
 std::atomic<LinkEventMonitor*> g_linkMonitor{nullptr};
 
 constexpr size_t kReceiveBufferSize = 32768;
+// With no link to poll, a round waits this many times longer.
+constexpr int kIdleWaitFactor = 5;
 
 }  // namespace
 
@@ -67,23 +69,31 @@ void LinkEventMonitor::tick(int timeoutMs) {
             return;
         }
     }
+    // The carrier of the watched links is asked for on every round: the kernel
+    // may hold back a lost carrier's notification for up to a second.
+    const std::vector<std::string> watched = m_sink->watched();
+    for (const std::string& link : watched) m_source->requestLink(link);
     m_buffer.resize(kReceiveBufferSize);
-    const int n = m_source->receive(m_buffer.data(), m_buffer.size(), timeoutMs);
-    if (n < 0) {
-        // Opened again (with a fresh dump) on the next round.
-        if (!m_failed) ALOGE("%s reading link events failed: %s", "LinkEventMonitor", strerror(-n));
-        m_failed = true;
-        m_opened = false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(timeoutMs));
-        return;
-    }
-    m_failed = false;
-    // The sinks log what an event means for the links they manage.
-    for (const vord::LinkStateTracker::Event& e : m_tracker.apply(m_buffer.data(), static_cast<size_t>(n))) {
-        if (e.down) {
-            m_sink->down(e.link, e.cause);
-        } else {
-            m_sink->up(e.link);
+    // Everything that has come, waiting for the first datagram only.
+    for (int wait = watched.empty() ? timeoutMs * kIdleWaitFactor : timeoutMs;; wait = 0) {
+        const int n = m_source->receive(m_buffer.data(), m_buffer.size(), wait);
+        if (n < 0) {
+            // Opened again (with a fresh dump) on the next round.
+            if (!m_failed) ALOGE("%s reading link events failed: %s", "LinkEventMonitor", strerror(-n));
+            m_failed = true;
+            m_opened = false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(timeoutMs));
+            return;
+        }
+        if (n == 0) return;
+        m_failed = false;
+        // The sinks log what an event means for the links they manage.
+        for (const vord::LinkStateTracker::Event& e : m_tracker.apply(m_buffer.data(), static_cast<size_t>(n))) {
+            if (e.down) {
+                m_sink->down(e.link, e.cause);
+            } else {
+                m_sink->up(e.link);
+            }
         }
     }
 }

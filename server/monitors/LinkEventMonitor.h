@@ -17,7 +17,9 @@
 
 class LinkEventMonitor {
   public:
-    // How long one round waits for notifications (and a stop for a round).
+    // How long one round waits for notifications (and a stop for a round), and
+    // the carrier poll period of the watched links. Without watched links a
+    // round waits five times as long.
     static constexpr int kWaitMs = 100;
 
     // The daemon's monitor, created and started on the first call.
@@ -34,8 +36,9 @@ class LinkEventMonitor {
     void start();
     void stop();
 
-    // One round: opens the source when needed, then hands on what the
-    // notifications that arrive within `timeoutMs` mean.
+    // One round: opens the source when needed, asks for the state of the
+    // watched links, then hands on what the messages that arrive within
+    // `timeoutMs` mean.
     void tick(int timeoutMs);
 
   private:

@@ -107,6 +107,7 @@ class RtnetlinkEventSource : public NetlinkEventSource {
     int receive(uint8_t* buffer, size_t size, int timeoutMs) override {
         return m_socket.receive(buffer, size, timeoutMs);
     }
+    void requestLink(const std::string& link) override { m_socket.requestLink(link); }
 
   private:
     android::wificond::RtnetlinkSocket m_socket;
@@ -127,6 +128,17 @@ class DaemonLinkEventSink : public LinkEventSink {
             ALOGI("%s is back: it takes new connections again", link.c_str());
             vord::wakeMainLoop();
         }
+    }
+    // The links under selection while it probes: there a lost carrier must not
+    // wait for the kernel's batched notification.
+    std::vector<std::string> watched() override {
+        std::vector<std::string> out;
+        SlsState state;
+        if (!SmartLinkSelection::trySnapshotState(state)) return out;
+        for (const SlsLinkState& l : state.links) {
+            if (l.running) out.push_back(l.ifname);
+        }
+        return out;
     }
 };
 

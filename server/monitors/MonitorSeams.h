@@ -17,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "sls/InterfaceRtt.h"
 
@@ -78,6 +79,8 @@ class NetlinkEventSource {
     // The next datagram of netlink messages into `buffer`, waiting up to
     // `timeoutMs`: its length, 0 when none came, negative errno on an error.
     virtual int receive(uint8_t* buffer, size_t size, int timeoutMs) = 0;
+    // Asks for the link's current state; the answer comes through receive().
+    virtual void requestLink(const std::string& link) = 0;
 };
 
 class LinkEventSink {
@@ -88,6 +91,9 @@ class LinkEventSink {
     virtual void down(const std::string& link, LinkFailCause cause) = 0;
     // It is up again (all of those undone).
     virtual void up(const std::string& link) = 0;
+    // The links whose carrier is to be polled (not only followed through
+    // notifications); empty when none.
+    virtual std::vector<std::string> watched() = 0;
 };
 
 class LinkProber {

@@ -54,8 +54,14 @@ void abortProbe(InterfaceRtt* r) {
 
 int liveProbeThreads() { return g_liveProbeThreads.load(); }
 
-void* makeRawPingFunc(void* rtt) {
+int startProbeThread(InterfaceRtt* r, pthread_t* thread) {
     g_liveProbeThreads.fetch_add(1);
+    const int result = pthread_create(thread, nullptr, makeRawPingFunc, r);
+    if (result != 0) g_liveProbeThreads.fetch_sub(1);
+    return result;
+}
+
+void* makeRawPingFunc(void* rtt) {
     InterfaceRtt* r = static_cast<InterfaceRtt*>(rtt);
     Parameters* params = Parameters::instance();
     // Read once when the thread starts.

@@ -1,6 +1,8 @@
 // The probe thread of one link under selection.
 #pragma once
 
+#include <pthread.h>
+
 #include <condition_variable>
 
 class InterfaceRtt;
@@ -19,5 +21,8 @@ std::condition_variable& pingWakeup();
 // counted). Caller holds g_slsMapMutex.
 void abortProbe(InterfaceRtt* r);
 
-// Probe threads running now (for tests: each has ended once this drops).
+// Starts `r`'s probe thread (pthread_create's result).
+int startProbeThread(InterfaceRtt* r, pthread_t* thread);
+// Probe threads started and not yet ended (each has left its body once this
+// drops; for tests).
 int liveProbeThreads();

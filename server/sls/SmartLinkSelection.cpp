@@ -216,7 +216,7 @@ void SmartLinkSelection::startMissingThreads() {
         InterfaceRtt* r = entry.second;
         if (r == nullptr || r->thread != InterfaceRtt::noThread()) continue;
         pthread_t tid;
-        if (pthread_create(&tid, nullptr, makeRawPingFunc, r) == 0) {
+        if (startProbeThread(r, &tid) == 0) {
             r->thread = tid;
         } else {
             ALOGE("%s could not start the probe thread of %s", "createRttThreads", r->ifname);

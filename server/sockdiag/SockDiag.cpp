@@ -254,10 +254,13 @@ int SockDiag::readDiagMsgWithTcpInfo(const TcpInfoReader& reader) {
             return;
         }
         // Attribute payloads are only 4-aligned: hand on an aligned copy (the
-        // fields past a short payload are zero; readers check the length anyway).
+        // fields past a short payload are zero; readers check the length anyway),
+        // with the length of what the copy holds: a newer kernel's longer record
+        // is cut to the fields this build knows.
         tcp_info_ext info = {};
-        memcpy(&info, payload, std::min<size_t>(payloadLen, sizeof(info)));
-        read(msg, &info, payloadLen);
+        const uint32_t length = std::min<uint32_t>(payloadLen, sizeof(info));
+        memcpy(&info, payload, length);
+        read(msg, &info, length);
     };
     return processNetlinkDump(*m_ops, m_dumpSock, callback);
 }

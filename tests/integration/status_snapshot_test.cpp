@@ -152,6 +152,7 @@ TEST(VordctlStatus, MissingMalformedStuckAndGoneSnapshots) {
     stuck.pid = getpid();
     stuck.periodMs = 1000;
     stuck.updatedMonoMs = now.tv_sec * 1000 + now.tv_nsec / 1000000 - 5000;
+    stuck.lastSwitch = {true, 1763859839000, "wlan0", "rmnet_data0", "stall", "wlan0 stalled"};
     Snapshot gone = stuck;
     if ((gone.pid = fork()) == 0) _exit(0);
     waitpid(gone.pid, nullptr, 0);
@@ -164,8 +165,10 @@ TEST(VordctlStatus, MissingMalformedStuckAndGoneSnapshots) {
     } cases[] = {
         {"", "status", 1, {"no status snapshot at " + root.at("/data/vendor/vord/status") + " (is vord running?)"}},
         {"version=1\npid=1\n", "status", 1, {"is malformed: no end line"}},
-        {status::format(stuck), "status", 3, {"older than three loop periods", "LINK"}},  // the table still shown
-        {status::format(gone), "status --json", 3, {"is not running", "\"live\":false"}},
+        {status::format(stuck), "status", 3,  // the table still shown
+         {"older than three loop periods", "LINK", "Last switch  wlan0 -> rmnet_data0 at "}},
+        {status::format(gone), "status --json", 3,
+         {"is not running", "\"live\":false", "\"from\":\"wlan0\",\"to\":\"rmnet_data0\",\"reason\":\"stall\""}},
     };
     for (const auto& c : cases) {
         if (!c.content.empty()) root.writeFile("/data/vendor/vord/status", c.content);

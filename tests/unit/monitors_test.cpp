@@ -1,16 +1,22 @@
-// The three monitors, driven round by round with scripted seams.
+// The monitors, driven round by round with scripted seams.
 #include "UnitSupport.h"
 
 #include <arpa/inet.h>
+#include <linux/rtnetlink.h>
 #include <linux/tcp.h>
+#include <net/if.h>
 
+#include <deque>
 #include <map>
 
+#include "FakeDiagKernel.h"
 #include "monitors/DoubleWifiMonitor.h"
 #include "monitors/DualWifiChoice.h"
 #include "monitors/GameEndpointTally.h"
+#include "monitors/LinkEventMonitor.h"
 #include "monitors/RssiStateMonitor.h"
 #include "monitors/SlaTcpSocketMonitor.h"
+#include "monitors/StallDetector.h"
 
 namespace {
 
@@ -89,11 +95,14 @@ struct Socket {
     std::vector<uint8_t> info;  // exactly the delivered length; none: no tcp_info at all
 };
 
+// A socket; its cookie is `cookie`, or a new one when 0.
 Socket tcpSocket(uint32_t uid, const char* remote, uint16_t port, uint64_t acked, uint64_t received,
-                 uint32_t rttUs, size_t infoLen = sizeof(tcp_info)) {
+                 uint32_t rttUs, size_t infoLen = sizeof(tcp_info), uint32_t cookie = 0) {
+    static uint32_t lastCookie = 1000;
     Socket s{};
     s.msg.idiag_state = 1;  // established
     s.msg.idiag_uid = uid;
+    s.msg.id.idiag_cookie[0] = cookie != 0 ? cookie : ++lastCookie;
     s.msg.id.idiag_dport = htons(port);
     s.msg.idiag_family = strchr(remote, ':') ? AF_INET6 : AF_INET;
     inet_pton(s.msg.idiag_family, remote, s.msg.id.idiag_dst);
@@ -166,6 +175,7 @@ TEST_F(MonitorTest, TcpMonitorTargetsTheGameServerAndActsOnHighRttOnce) {
         params->setServiceHighRtt(true);  // as enterServiceHighRtt does
         return true;
     });
+    EXPECT_EQ(monitor.tick(), 1000);  // the first round only takes the baseline
     // Another UID's slow connection, then failing dumps: the target stays.
     d->sockets = {tcpSocket(10999, "203.0.113.5", 7000, 5000, 5000, 300000)};
     monitor.tick();
@@ -188,6 +198,175 @@ TEST_F(MonitorTest, TcpMonitorTargetsTheGameServerAndActsOnHighRttOnce) {
     p.setServiceHighRtt(false);  // cleared by a stop command
     monitor.tick();
     EXPECT_EQ(highRttCalls, 2);
+    // Bytes moved over the last five polls rank, not lifetime bytes: an asset
+    // download that has gone quiet loses to the game's server.
+    for (uint64_t i = 1; i <= 6; ++i) {
+        d->sockets = {tcpSocket(10123, "198.51.100.1", 443, 90000000, 0, 1000, sizeof(tcp_info), 7),
+                      tcpSocket(10123, "203.0.113.9", 7000, 100 * i, 100, 1000, sizeof(tcp_info), 8)};
+        monitor.tick();
+    }
+    EXPECT_EQ(target(), "203.0.113.9:7000");
+}
+
+// A socket for stall detection: established, UID 10123, to 203.0.113.5:7000.
+Socket stalling(uint32_t cookie, uint32_t unacked, uint32_t lastAckMs, uint8_t backoff = 0, uint64_t acked = 100,
+                uint32_t rttUs = 20000, uint32_t uid = 10123, uint32_t boundTo = 0) {
+    Socket s = tcpSocket(uid, "203.0.113.5", 7000, acked, 50, rttUs, sizeof(tcp_info), cookie);
+    tcp_info ti{};
+    memcpy(&ti, s.info.data(), sizeof(ti));
+    ti.tcpi_unacked = unacked;
+    ti.tcpi_last_ack_recv = lastAckMs;
+    ti.tcpi_backoff = backoff;
+    memcpy(s.info.data(), &ti, sizeof(ti));
+    s.msg.id.idiag_if = boundTo;
+    return s;
+}
+
+TEST(StallDetector, EveryCountedSocketMustStallAndOneThatAcksClearsIt) {
+    const Socket cutShort = [] {
+        Socket s = stalling(1, 2, 900, 1);
+        s.info.resize(offsetof(tcp_info, tcpi_unacked));
+        return s;
+    }();
+    const struct {
+        const char* what;
+        std::vector<std::vector<Socket>> polls;  // threshold 300 ms, selected link index 7
+        bool suspect;
+    } cases[] = {
+        {"no data in flight", {{stalling(1, 0, 900)}, {stalling(1, 0, 1200)}}, false},
+        {"no ACK over two polls", {{stalling(1, 2, 200)}, {stalling(1, 2, 400)}}, true},
+        {"data sent after a quiet spell", {{stalling(1, 0, 9000)}, {stalling(1, 1, 9200)}}, false},
+        {"an ACK between the polls", {{stalling(1, 2, 200)}, {stalling(1, 2, 400, 0, 150)}}, false},
+        {"one socket still ACKing", {{stalling(1, 2, 200), stalling(2, 1, 10)}, {stalling(1, 2, 400), stalling(2, 1, 10, 0, 300)}}, false},
+        {"back-off", {{stalling(1, 1, 50, 1)}}, true},
+        {"under 4 x srtt", {{stalling(1, 2, 200, 0, 100, 200000)}, {stalling(1, 2, 700, 0, 100, 200000)}}, false},
+        {"other UID, other interface, tcp_info cut short", {{stalling(1, 2, 900, 1, 100, 20000, 10999), stalling(2, 2, 900, 1, 100, 20000, 10123, 9), cutShort}}, false},
+        {"bound to the selected link", {{stalling(1, 2, 900, 1, 100, 20000, 10123, 7)}}, true},
+    };
+    for (const auto& c : cases) {
+        vord::StallDetector detector;
+        bool suspect = false;
+        for (const std::vector<Socket>& poll : c.polls) {
+            detector.beginPoll({10123}, 7, 300);
+            for (const Socket& s : poll) detector.add(&s.msg, s.info.data(), uint32_t(s.info.size()));
+            suspect = detector.endPoll();
+        }
+        EXPECT_EQ(suspect, c.suspect) << c.what;
+    }
+}
+
+struct FakeSelected : vord::SelectedLink {
+    std::string link = "wlan0";
+    bool answer = true;
+    std::vector<std::string> calls;
+    std::string selected() override { return link; }
+    uint32_t ifindex(const std::string&) override { return 0; }
+    bool answers(const std::string& l) override { return calls.push_back("answers " + l), answer; }
+    void fail(const std::string& l) override { calls.push_back("fail " + l); }
+};
+
+TEST_F(MonitorTest, StallOfTheSelectedLinkIsConfirmedByAProbeBeforeItFails) {
+    p.setGamingUids("10123");
+    p.populateGamingUids();
+    auto source = std::make_unique<ScriptedDump>();
+    auto link = std::make_unique<FakeSelected>();
+    source->sockets = {stalling(1, 1, 50, 1)};
+    FakeSelected* l = link.get();
+    SlaTcpSocketMonitor monitor(&p, std::move(source), nullptr, std::move(link));
+    p.setValue("stall_poll_ms", "0");  // off: polls once a second, no stall probe
+    EXPECT_EQ(monitor.tick(), 1000);
+    p.setValue("stall_poll_ms", "200");
+    l->link = "";  // nothing selected
+    EXPECT_EQ(monitor.tick(), 1000);
+    EXPECT_TRUE(l->calls.empty());
+    l->link = "wlan0";
+    EXPECT_EQ(monitor.tick(), 200);  // stalled: the probe server answers, a stalled game server
+    for (int i = 0; i < 5; ++i) monitor.tick();  // a second without probing again
+    l->answer = false;
+    monitor.tick();
+    EXPECT_EQ(l->calls, (std::vector<std::string>{"answers wlan0", "answers wlan0", "fail wlan0"}));
+}
+
+// Link and address messages as the kernel sends them.
+using K = vord::test::FakeDiagKernel;
+template <typename T>
+K::Bytes raw(const T& v) {
+    const uint8_t* b = reinterpret_cast<const uint8_t*>(&v);
+    return K::Bytes(b, b + sizeof(v));
+}
+K::Bytes linkMsg(uint16_t type, int index, const char* name, uint32_t flags) {
+    ifinfomsg i{};
+    i.ifi_index = index;
+    i.ifi_flags = flags;
+    return K::message(type, K::concat({raw(i), K::attr(IFLA_IFNAME, K::Bytes(name, name + strlen(name) + 1))}));
+}
+K::Bytes addrMsg(uint16_t type, int index, const char* ipv4) {
+    ifaddrmsg a{};
+    a.ifa_family = AF_INET;
+    a.ifa_index = static_cast<uint32_t>(index);
+    in_addr addr{};
+    inet_pton(AF_INET, ipv4, &addr);
+    return K::message(type, K::concat({raw(a), K::attr(IFA_LOCAL, raw(addr))}));
+}
+
+struct ScriptedNetlink : vord::NetlinkEventSource {
+    std::deque<K::Bytes> datagrams;
+    std::vector<std::string> asked;
+    bool open() override { return true; }
+    int receive(uint8_t* buffer, size_t size, int) override {
+        if (datagrams.empty()) return 0;
+        const size_t n = std::min(size, datagrams.front().size());
+        memcpy(buffer, datagrams.front().data(), n);
+        datagrams.pop_front();
+        return static_cast<int>(n);
+    }
+    void requestLink(const std::string& link) override { asked.push_back(link); }
+};
+
+struct RecordingLinkSink : vord::LinkEventSink {
+    std::vector<std::string> events, watch;
+    void down(const std::string& l, LinkFailCause c) override { events.push_back("down " + l + " " + linkFailCauseKey(c)); }
+    void up(const std::string& l) override { events.push_back("up " + l); }
+    std::vector<std::string> watched() override { return watch; }
+};
+
+TEST(LinkEventMonitor, EachCauseDownsOnlyItsLinkOnceAndABounceComesBackOnce) {
+    constexpr uint32_t kNoCarrier = IFF_UP, kUp = IFF_UP | (1u << 16);  // IFF_LOWER_UP
+    auto source = std::make_unique<ScriptedNetlink>();
+    auto sink = std::make_unique<RecordingLinkSink>();
+    ScriptedNetlink* src = source.get();
+    RecordingLinkSink* out = sink.get();
+    LinkEventMonitor monitor(std::move(source), std::move(sink));
+    const struct {
+        std::vector<K::Bytes> datagrams;
+        std::vector<std::string> events;
+    } steps[] = {
+        // The start-up dump, one datagram: wlan1 has no carrier already.
+        {{K::concat({linkMsg(RTM_NEWLINK, 2, "wlan0", kUp), linkMsg(RTM_NEWLINK, 3, "rmnet_data0", kUp),
+                     linkMsg(RTM_NEWLINK, 4, "wlan1", kNoCarrier)})},
+         {"down wlan1 carrier-lost"}},
+        {{addrMsg(RTM_NEWADDR, 2, "10.0.0.2"), addrMsg(RTM_NEWADDR, 3, "10.0.1.2")}, {}},
+        // Repeated, then administratively down as well: still one event.
+        {{linkMsg(RTM_NEWLINK, 2, "wlan0", kNoCarrier), linkMsg(RTM_NEWLINK, 2, "wlan0", kNoCarrier),
+          linkMsg(RTM_NEWLINK, 2, "wlan0", 0)},
+         {"down wlan0 carrier-lost"}},
+        {{linkMsg(RTM_NEWLINK, 2, "wlan0", kUp)}, {"up wlan0"}},
+        {{linkMsg(RTM_NEWLINK, 3, "rmnet_data0", 0)}, {"down rmnet_data0 admin-down"}},
+        {{linkMsg(RTM_NEWLINK, 3, "rmnet_data0", kUp)}, {"up rmnet_data0"}},
+        {{addrMsg(RTM_DELADDR, 2, "10.0.0.2")}, {"down wlan0 address-lost"}},
+        {{addrMsg(RTM_NEWADDR, 2, "10.0.0.3")}, {"up wlan0"}},
+        {{linkMsg(RTM_DELLINK, 3, "rmnet_data0", 0)}, {"down rmnet_data0 link-removed"}},
+    };
+    for (const auto& step : steps) {
+        src->datagrams.assign(step.datagrams.begin(), step.datagrams.end());
+        monitor.tick(0);
+        EXPECT_EQ(out->events, step.events) << (step.events.empty() ? "" : step.events[0]);
+        out->events.clear();
+    }
+    out->watch = {"wlan0"};  // its carrier is asked for on every round
+    monitor.tick(0);
+    monitor.tick(0);
+    EXPECT_EQ(src->asked, (std::vector<std::string>{"wlan0", "wlan0"}));
 }
 
 TEST(DualWifiChoice, CandidatePerRoundAndThreeRoundHysteresis) {

@@ -7,7 +7,6 @@
 // host, so they fail before any packet leaves.
 #include "UnitSupport.h"
 
-#include <dirent.h>
 #include <sys/time.h>
 
 #include <atomic>
@@ -17,9 +16,11 @@
 
 #include "control/ControlState.h"
 #include "control/FeatureCommands.h"
+#include "loop/MainLoopWakeup.h"
 #include "monitors/MonitorAdapters.h"
 #include "monitors/RssiStateMonitor.h"
 #include "monitors/SlaTcpSocketMonitor.h"
+#include "sls/PingThread.h"
 #include "sls/ServiceHighRtt.h"
 #include "sls/SmartLinkSelection.h"
 
@@ -268,6 +269,11 @@ TEST_F(SlsTest, VoipPeerBecomesTheProbeTargetOnlyWhileTheServerIsTheDefault) {
     params->setGamingRttServer(VORD_DEFAULT_RTT_SERVER);
     engine->setVoipIpAddressAndPort();
     EXPECT_EQ("127.0.0.1:80", target());
+    // A last octet of 128 or more: the value is above INT32_MAX.
+    params->setGamingRttServer(VORD_DEFAULT_RTT_SERVER);
+    vord::test::TempRoot::writeAt(state, "3355443210,20480");
+    engine->setVoipIpAddressAndPort();
+    EXPECT_EQ("10.0.0.200:80", target());
     // Zero fields change nothing.
     params->setGamingRttServer(VORD_DEFAULT_RTT_SERVER);
     params->setRttServerPort(443);
@@ -314,6 +320,51 @@ TEST_F(SlsTest, SnapshotShowsTheStateWithoutWaiting) {
     EXPECT_EQ(42, state.links[0].speed);
 }
 
+std::string lastSwitch() {
+    SlsState state;
+    SmartLinkSelection::trySnapshotState(state);
+    const SlsLastSwitch& w = state.lastSwitch;
+    return w.from + ">" + w.to + " " + w.reason + ": " + w.detail;
+}
+
+TEST_F(SlsTest, LinkEventsFailOnlyTheirLinkAtOnceAndABounceDoesNotFlap) {
+    InterfaceRtt* wlan0 = addLink("wlan0", 11);
+    InterfaceRtt* rmnet = addLink("rmnet_data0", 10);
+    engine->calcInterface();
+    EXPECT_EQ(">wlan0 initial: no link was selected", lastSwitch());
+    vord::sleepUnlessWoken(0s);  // no wake-up pending
+    engine->linkDown("wlan0", LinkFailCause::Carrier);
+    engine->linkDown("wlan0", LinkFailCause::AdminDown);  // still down: nothing new
+    EXPECT_TRUE(vord::sleepUnlessWoken(5s)) << "the main loop was not woken";
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        EXPECT_EQ(std::make_tuple(-1, 1, 5), std::make_tuple(wlan0->speed, wlan0->level, wlan0->missCount));
+        EXPECT_EQ(std::make_tuple(0, 10, 0), std::make_tuple(rmnet->speed, rmnet->level, rmnet->missCount));
+    }
+    EXPECT_EQ(1u, log->count("wlan0 lost carrier: link failed"));
+    engine->calcInterface();
+    EXPECT_EQ("wlan0>rmnet_data0 carrier-lost: wlan0 lost carrier", lastSwitch());
+    // Back: probed at once, alive only through samples; one sample does not win.
+    engine->linkUp("wlan0");
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        EXPECT_TRUE(wlan0->probeNow && !wlan0->down);
+        wlan0->setSpeed(40);
+    }
+    engine->calcInterface();
+    EXPECT_EQ("rmnet_data0", current());
+    // A confirmed stall fails the current link; then the other is the better one.
+    engine->linkStalled("rmnet_data0");
+    engine->calcInterface();
+    EXPECT_EQ("rmnet_data0>wlan0 stall: rmnet_data0 stalled (a probe got no answer)", lastSwitch());
+    EXPECT_EQ((Strings{"wlan0", "rmnet_data0", "wlan0"}), switches);
+    // A down link is left out while another is up, even at a level above it.
+    setLevels({{"rmnet_data0", 0}, {"wlan0", 11}});
+    engine->linkDown("wlan0", LinkFailCause::AddressLost);
+    engine->calcInterface();
+    EXPECT_EQ("wlan0>rmnet_data0 address-lost: wlan0 lost its last IPv4 address", lastSwitch());
+}
+
 // The RSSI monitor's penalty sink against the real engine.
 TEST_F(SlsTest, PenaltySinkWritesOnlyExistingRecordsAndNothingWithoutTheEngine) {
     InterfaceRtt* wlan7 = addLink("wlan7", 0);
@@ -333,27 +384,12 @@ constexpr const char* kWlan7 = "wlan7,0,wlan7,0x200000,1,0,0,0,ffffffffffff";
 constexpr const char* kRmnet9 = "rmnet_data9,1,rmnet_data9,0x600000,0,0,0,0,ffffffffffff";
 constexpr const char* kWlan8 = "wlan8,0,wlan8,0x400000,0,0,0,1,ffffffffffff";
 
-size_t threadCount() {
-    size_t n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* e = readdir(dir)) n += e->d_name[0] != '.';
-        closedir(dir);
-    }
-    return n;
-}
-
-// Threads other than the monitors' (the selection commands start the RSSI and
-// TCP socket monitors, one thread each).
-size_t probeThreads() {
-    return threadCount() - RssiStateMonitor::isInstance() - SlaTcpSocketMonitor::isInstance();
-}
-
+// Probe threads are counted by the threads themselves: a thread just joined
+// can still be listed under /proc for a moment.
 class SlsEngineTest : public SlsTest {
   protected:
     void SetUp() override {
         SlsTest::SetUp();
-        std::thread([] {}).join();  // a sanitizer's helper thread starts with the first thread
-        baseThreads = threadCount();
         set("ping_interval_ms", "20");
         setControlParameters(params);
         unittest::addRecord(kWlan7);
@@ -361,7 +397,7 @@ class SlsEngineTest : public SlsTest {
     }
     void TearDown() override {
         SlsTest::TearDown();
-        EXPECT_EQ(baseThreads, threadCount()) << "a probe thread outlived the engine";
+        EXPECT_EQ(0, liveProbeThreads()) << "a probe thread outlived the engine";
     }
     // The probed links as "name:RTA" (running, thread, alive; '-' where not) and
     // the probe threads beyond the monitors', e.g. "rmnet_data9:RTA wlan7:RTA +2".
@@ -375,7 +411,7 @@ class SlsEngineTest : public SlsTest {
                        (r->alive ? "A" : "-") + " ";
             }
         }
-        return out + "+" + std::to_string(long(probeThreads()) - long(baseThreads));
+        return out + "+" + std::to_string(liveProbeThreads());
     }
     // Running mode, n_hyst, min_ping_times, the game-mode check.
     std::string mode() {
@@ -386,7 +422,6 @@ class SlsEngineTest : public SlsTest {
         std::lock_guard<std::mutex> lock(g_slsMapMutex);
         return engine->slsInterfaceMap()[name]->thread;
     }
-    size_t baseThreads = 0;
 };
 
 TEST_F(SlsEngineTest, StartProbesEveryRegisteredLinkOnceAndStopEndsEveryThread) {
@@ -415,8 +450,36 @@ TEST_F(SlsEngineTest, InterfaceChangesFollowOnlyVoiceAndSelectionMode) {
     engine->updateSlsInterfacemap(chosen.c_str(), false);  // the current link leaves
     EXPECT_EQ("", current());
     EXPECT_EQ(std::string::npos, links().find(chosen));
-    EXPECT_EQ(baseThreads + 2, probeThreads());
+    EXPECT_EQ(2, liveProbeThreads());
+    // The framework removed the selected link: the decision runs at once.
+    EXPECT_TRUE(vord::sleepUnlessWoken(5s));
+    engine->calcInterface();
+    SlsState state;
+    SmartLinkSelection::trySnapshotState(state);
+    EXPECT_EQ(chosen + " framework-removed", state.lastSwitch.from + " " + state.lastSwitch.reason);
     setVoipStatus("0");
+}
+
+TEST_F(SlsEngineTest, ARecordWhoseLinkLeftTheRegistryIsNeverChosenAndGoesAtTeardown) {
+    engine->linkDown("rmnet_data9", LinkFailCause::Carrier);  // a record made while down starts failed
+    setGameAiModeEnable("10123");
+    setGameAiModeCheckRtt("1");
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        EXPECT_EQ(1, engine->slsInterfaceMap()["rmnet_data9"]->level);
+    }
+    engine->linkUp("rmnet_data9");
+    params->delOldInterfacetoMap("wlan7");
+    engine->updateSlsInterfacemap("wlan7", false);  // game mode 2: the map is not updated
+    setLevels({{"wlan7", 11}, {"rmnet_data9", 2}});
+    engine->calcInterface();
+    EXPECT_EQ("rmnet_data9", current());
+    setGameAiModeCheckRtt("0");
+    {
+        std::lock_guard<std::mutex> lock(g_slsMapMutex);
+        EXPECT_TRUE(engine->slsInterfaceMap().empty());
+    }
+    setGameAiModeEnable("0");
 }
 
 TEST_F(SlsEngineTest, GameModeTables) {
@@ -457,7 +520,17 @@ TEST_F(SlsEngineTest, RttReportRaisesProbingOnceAndBadPayloadsChangeNothing) {
     params->setServiceHighRtt(false);
     updateSlsInterfacesRtt("500");
     EXPECT_EQ("rmnet_data9:RTA wlan7:RTA +2", links());
+    // The TCP socket monitor's hook acts only while some probing is paused.
+    params->setServiceHighRtt(false);
+    EXPECT_FALSE(vord::serviceHighRttAction()(params));
+    EXPECT_FALSE(params->isServiceHighRtt());
+    engine->threadStop();
+    EXPECT_TRUE(vord::serviceHighRttAction()(params));
     StopSlsServer();
+    EXPECT_FALSE(params->isServiceHighRtt());
+    setGameAiModeEnable("10123");
+    params->setServiceHighRtt(true);
+    setGameAiModeEnable("0");  // game mode off clears it too
     EXPECT_FALSE(params->isServiceHighRtt());
 }
 
@@ -471,6 +544,9 @@ TEST_F(SlsEngineTest, StartStopAddRemoveStormLeavesNoThreadAndNoRace) {
     std::thread monitor([&] {
         while (!stop) {
             enterServiceHighRtt(params);
+            engine->linkDown("wlan8", LinkFailCause::Carrier);
+            engine->linkStalled("wlan7");
+            engine->linkUp("wlan8");
             SlsState state;
             SmartLinkSelection::trySnapshotState(state);
             std::lock_guard<std::mutex> lock(g_slsMapMutex);

@@ -30,6 +30,7 @@ Snapshot sample() {
     s.switches = 2;
     s.probeServer = "1.1.1.1";
     s.probePort = 443;
+    s.lastSwitch = {true, 1763859839000, "wlan0", "rmnet_data0", "carrier-lost", "wlan0 lost carrier"};
     s.slaWhitelist = 2;
     s.gateways = s.dwSelect = 1;
     s.controlServed = 7;
@@ -73,6 +74,7 @@ TEST(StatusTextTest, OnlyCompleteSnapshotsParse) {
         {edited("link.wlan0.share=0.7500\n", ""), "only one of rate_kbps and share"},
         {edited("link.wlan0.misses=3\n", ""), "only some of the selection fields"},
         {edited("link.eth0.100.mark=0x400000\n", ""), "lacks mark"},
+        {edited("selection.last_switch_to=rmnet_data0\n", ""), "only some of the selection.last_switch_ keys"},
         {text + "pid=1\n", "text after the end line"},
         {edited("end=1\n", "link.wlan0.level=2\nend=1\n"), "link wlan0 appears twice"},
     };

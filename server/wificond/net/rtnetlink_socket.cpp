@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -14,6 +15,7 @@ namespace {
 
 constexpr uint32_t kLinkDumpSeq = 1;
 constexpr uint32_t kAddressDumpSeq = 2;
+constexpr uint32_t kLinkRequestSeq = 3;
 
 }  // namespace
 
@@ -37,6 +39,25 @@ bool RtnetlinkSocket::requestDump(uint16_t type, uint32_t seq) {
     request.h.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     request.h.nlmsg_seq = seq;
     request.g.rtgen_family = AF_UNSPEC;
+    return send(m_fd.get(), &request, request.h.nlmsg_len, 0) == static_cast<ssize_t>(request.h.nlmsg_len);
+}
+
+bool RtnetlinkSocket::requestLink(const std::string& name) {
+    struct {
+        nlmsghdr h;
+        ifinfomsg i;
+        rtattr a;
+        char name[IFNAMSIZ];
+    } request{};
+    if (name.empty() || name.size() >= IFNAMSIZ) return false;
+    request.a.rta_type = IFLA_IFNAME;
+    request.a.rta_len = static_cast<unsigned short>(RTA_LENGTH(name.size() + 1));
+    memcpy(request.name, name.c_str(), name.size() + 1);
+    request.h.nlmsg_len = static_cast<uint32_t>(NLMSG_LENGTH(sizeof(ifinfomsg)) + RTA_ALIGN(request.a.rta_len));
+    request.h.nlmsg_type = RTM_GETLINK;
+    request.h.nlmsg_flags = NLM_F_REQUEST;
+    request.h.nlmsg_seq = kLinkRequestSeq;
+    request.i.ifi_family = AF_UNSPEC;
     return send(m_fd.get(), &request, request.h.nlmsg_len, 0) == static_cast<ssize_t>(request.h.nlmsg_len);
 }
 
