@@ -1,5 +1,5 @@
 // The link lab itself: delays as set, cuts, routing, the application client, the
-// probe echo's fill mode, and a teardown that leaves nothing behind. The daemon
+// probe server's modes, the carrier, and a teardown that leaves nothing behind. The daemon
 // inside the lab is the other end-to-end tests' business.
 #include <gtest/gtest.h>
 
@@ -31,8 +31,8 @@ bool running(pid_t pid) {
 class LinkLabE2E : public LabTest {};
 
 // One lab through every phase: delays, routing and the application client, cuts,
-// the probe exchange in fill mode, and the teardown.
-TEST_F(LinkLabE2E, DelaysRoutesCutsFillModeAndTeardown) {
+// the probe exchange in each probe-server mode, the carrier, and the teardown.
+TEST_F(LinkLabE2E, DelaysRoutesCutsProbeServerModesCarrierAndTeardown) {
     const std::vector<LinkLab::Link> links = {{"wlan0", 20}, {"wlan1", 25}, {"rmnet_data0", 15}};
     ASSERT_NO_FATAL_FAILURE(buildLab(links, "wlan0"));
     // A counter of one link in the lab's status ("dropped", "down_packets", ...).
@@ -106,6 +106,20 @@ TEST_F(LinkLabE2E, DelaysRoutesCutsFillModeAndTeardown) {
     EXPECT_LT(LinkLab::field(fill, "elapsed_ms"), 3 * 300) << fill;
     EXPECT_NEAR(LinkLab::field(fill, "rtt_us"), 10000, 1500) << fill;
     EXPECT_EQ(LinkLab::field(lab->probe("wlan0"), "exchanges"), 10) << "echo intact in fill mode";
+    // close: an alert record, then the end, at once; silent: no answer at all.
+    ASSERT_TRUE(lab->setProbeServer("close"));
+    EXPECT_LT(LinkLab::field(lab->probe("wlan0", daemonLike), "elapsed_ms"), 300);
+    ASSERT_TRUE(lab->setProbeServer("silent"));
+    EXPECT_NE(lab->probe("wlan0", daemonLike).find("no exchange"), std::string::npos);
+    ASSERT_TRUE(lab->setProbeServer("exact"));
+    // Without its carrier the handset sees the link so and nothing passes.
+    ASSERT_TRUE(lab->setCarrier("wlan0", false));
+    EXPECT_NE(lab->exec("ip link show wlan0").find("NO-CARRIER"), std::string::npos);
+    EXPECT_NE(lab->status().find("wlan0 delay=5ms rtt=10ms state=no-carrier"), std::string::npos);
+    EXPECT_EQ(rttUs("wlan0", "--exchanges 1 --timeout 300"), -1);
+    ASSERT_TRUE(lab->setCarrier("wlan0", true));
+    EXPECT_GT(rttUs("wlan0", "--exchanges 1 --timeout 1000"), 0);
+    EXPECT_FALSE(lab->setCarrier("wlan9", false));
 
     // Down leaves no namespace, process or file behind.
     const std::string name = lab->name(), status = lab->status();

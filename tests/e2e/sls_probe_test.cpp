@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -76,11 +77,12 @@ struct Probe {
     double seconds;
 };
 
-Probe probe(const char* ifname, const char* server, int port, int offsetMs = 0) {
+Probe probe(const char* ifname, const char* server, int port, int offsetMs = 0, int abortFd = -1) {
     tcping_info info;
     info.ifname = ifname;
     info.server = server;
     info.port = port;
+    info.abortFd = abortFd;
     auto start = Clock::now();
     int result = Tcping::updateTcpingRtt(&info, offsetMs);
     return {result, std::chrono::duration<double>(Clock::now() - start).count()};
@@ -89,7 +91,9 @@ Probe probe(const char* ifname, const char* server, int port, int offsetMs = 0) 
 // Echo: the kernel's RTT (well under 1 ms on loopback) plus the penalty after ten
 // exchanges. Silent: fails after half a second, no penalty. Closing after the first
 // exchange: still the RTT. Then a refused connection, a link that drops
-// everything and a missing interface fail, each with its log line.
+// everything and a missing interface fail, each with its log line. A probe
+// whose abort descriptor is readable gives up without a result, and a link
+// answers (linkAnswers) when the server accepts or refuses, whatever it then does.
 TEST(ProbeE2E, EchoSilentClosingRefusedUnreachableAndMissingInterface) {
     if (geteuid() != 0) GTEST_SKIP() << "!!! probe tests need root for a private network namespace: SKIPPED !!!";
     PrivateNetns netns;
@@ -119,6 +123,15 @@ TEST(ProbeE2E, EchoSilentClosingRefusedUnreachableAndMissingInterface) {
         EXPECT_TRUE(log.contains(c.logged));
         EXPECT_TRUE(log.contains(",device is lo"));
         EXPECT_FALSE(log.contains(c.notLogged));
+        EXPECT_TRUE(Tcping::linkAnswers("lo", "127.0.0.1", server.port(), 500));
+    }
+    {
+        ProbeServer echo(Peer::Echo);
+        const int abortFd = eventfd(1, EFD_CLOEXEC);
+        log.clear();
+        EXPECT_EQ(-1, probe("lo", "127.0.0.1", echo.port(), 0, abortFd).result);
+        EXPECT_FALSE(log.contains("cacla rtt") || log.contains("failed"));
+        close(abortFd);
     }
 
     log.clear();
@@ -126,6 +139,7 @@ TEST(ProbeE2E, EchoSilentClosingRefusedUnreachableAndMissingInterface) {
     int port;
     { ProbeServer closed(Peer::Silent); port = closed.port(); }
     EXPECT_EQ(-1, probe("lo", "127.0.0.1", port).result);
+    EXPECT_TRUE(Tcping::linkAnswers("lo", "127.0.0.1", port, 500));  // refused: an answer all the same
 
     // A link that drops everything: the SYN never gets an answer.
     std::string out;
@@ -135,6 +149,8 @@ TEST(ProbeE2E, EchoSilentClosingRefusedUnreachableAndMissingInterface) {
     Probe p = probe("vordblack0", "10.77.0.2", 443);
     EXPECT_EQ(-1, p.result);
     EXPECT_GE(p.seconds, 0.45);
+    EXPECT_FALSE(Tcping::linkAnswers("vordblack0", "10.77.0.2", 443, 200));
+    EXPECT_FALSE(Tcping::linkAnswers("vordnosuch0", "127.0.0.1", 443, 200));
 
     EXPECT_EQ(-1, probe("vordnosuch0", "127.0.0.1", 443).result);
     EXPECT_EQ(-1, probe("lo", "localhost", port).result);  // names are never resolved
