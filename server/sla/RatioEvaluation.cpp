@@ -2,8 +2,9 @@
 // rate, turn the rates into shares of new connections, and have the ratio rules
 // rewritten when the shares moved by more than "min_ratio_change".
 //
-// A link that is down (setLinkDown) takes no part: its share is 0, and neither
-// its rate nor its count enters the others' shares.
+// A link that is down (setLinkDown) gets no new connections: the shares are
+// computed as always, then a down link's share goes to the links that are up, in
+// proportion to their shares (equally when they have none).
 //
 // The widths of the arithmetic below (uint32 sums, float shares, the odd double
 // comparison) are deliberate: the shares feed rules that are compared against a
@@ -85,7 +86,7 @@ void SlaStatsImpl::evalAndSetSLAInterfaceRatio() {
             linkStatsWrapper_t* w = entry.second;
             if (w == nullptr || w->stats == nullptr) continue;
             const InterfaceInfo_t* record = params->findInterface(entry.first);
-            if (record == nullptr || m_downLinks.count(entry.first) != 0) continue;
+            if (record == nullptr) continue;
             const bool cellular = isCellular(record);
 
             uint32_t rate = w->stats->linkRateEstimate(&w->packCount, w->ifname);
@@ -143,11 +144,10 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process mode, float cellSum, flo
     std::lock_guard<std::mutex> registryLock(g_interfaceMapMutex);
     std::lock_guard<std::mutex> mapLock(g_slaMapMutex);
 
-    auto down = [this](const std::string& name) { return m_downLinks.count(name) != 0; };
     uint32_t n = 0;
     for (const auto& entry : m_slaInterfaceMap) {
         const InterfaceInfo_t* record = params->findInterface(entry.first);
-        if (entry.second != nullptr && record != nullptr && !isCellular(record) && !down(entry.first)) ++n;
+        if (entry.second != nullptr && record != nullptr && !isCellular(record)) ++n;
     }
 
     // When the fastest Wi-Fi link carries more than the trigger share of all
@@ -177,11 +177,6 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process mode, float cellSum, flo
         const InterfaceInfo_t* record = params->findInterface(entry.first);
         if (record == nullptr) continue;
         oldRatio[entry.first] = w->ratio;
-        if (down(entry.first)) {
-            w->linkRate = 0;
-            w->ratio = 0.0f;
-            continue;
-        }
         const bool cellular = isCellular(record);
         const float L = static_cast<float>(w->linkRate);
         float s;
@@ -218,7 +213,7 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process mode, float cellSum, flo
     for (auto& entry : m_slaInterfaceMap) {
         linkStatsWrapper_t* w = entry.second;
         if (w == nullptr) continue;
-        if (w->linkRate == 0 && zeroCount != 0 && remaining > 0 && !down(entry.first)) {
+        if (w->linkRate == 0 && zeroCount != 0 && remaining > 0) {
             if (!bothZero) {
                 w->ratio = remaining / static_cast<float>(zeroCount);
             } else {
@@ -237,8 +232,43 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process mode, float cellSum, flo
         }
     }
 
+    if (giveDownSharesAway()) {
+        change = 0.0f;
+        for (const auto& entry : m_slaInterfaceMap) {
+            auto old = oldRatio.find(entry.first);
+            if (entry.second != nullptr) change += fabsf((old != oldRatio.end() ? old->second : 0.0f) - entry.second->ratio);
+        }
+    }
     return static_cast<double>(change) * 0.5 >
            static_cast<double>(static_cast<float>(minChange) / 100.0f);
+}
+
+bool SlaStatsImpl::giveDownSharesAway() {
+    float downShare = 0.0f, upTotal = 0.0f;
+    size_t downCount = 0, upCount = 0;
+    for (const auto& entry : m_slaInterfaceMap) {
+        if (entry.second == nullptr) continue;
+        if (m_downLinks.count(entry.first) != 0) {
+            downShare += entry.second->ratio;
+            downCount += 1;
+        } else {
+            upTotal += entry.second->ratio;
+            upCount += 1;
+        }
+    }
+    if (downCount == 0) return false;
+    for (auto& entry : m_slaInterfaceMap) {
+        linkStatsWrapper_t* w = entry.second;
+        if (w == nullptr) continue;
+        if (m_downLinks.count(entry.first) != 0) {
+            w->ratio = 0.0f;
+        } else if (upTotal > 0.0f) {
+            w->ratio += downShare * (w->ratio / upTotal);
+        } else {
+            w->ratio += downShare / static_cast<float>(upCount);
+        }
+    }
+    return true;
 }
 
 void SlaStatsImpl::setRatioApplier(RatioApplier applier) { m_ratioApplier = std::move(applier); }

@@ -74,6 +74,9 @@ class SlaStatsImpl {
 
     // Hands copies of the current ratios to the rule update, outside our locks.
     void applyRatios();
+    // Moves the shares of the links that are down to the others; false when no
+    // link is down. Caller holds g_slaMapMutex.
+    bool giveDownSharesAway();
     // Releases one wrapper with its view and mapping. Caller holds g_slaMapMutex.
     static void releaseWrapper(linkStatsWrapper_t* wrapper);
 

@@ -224,9 +224,19 @@ TEST_F(SlaTest, InterfaceCommandsWhileTheLoopEvaluates) {
     EXPECT_EQ(2u, impl->slaInterfaceMap().size());
 }
 
-TEST_F(SlaTest, ADualWifiStatusChangeAloneRewritesTheRules) {
+TEST_F(SlaTest, ADualWifiStatusChangeOrALinkGoingDownRewritesTheRules) {
     int applied = 0;
-    impl->setRatioApplier([&](std::map<std::string, linkStatsWrapper_t*>&) { return ++applied, 0; });
+    std::string shares;  // "wlan0=0.50 wlan1=0.50", "(down)" after a link that is down
+    impl->setRatioApplier([&](std::map<std::string, linkStatsWrapper_t*>& copies) {
+        shares.clear();
+        for (const auto& e : copies) {
+            char one[64];
+            snprintf(one, sizeof(one), "%s%s=%.2f%s", shares.empty() ? "" : " ", e.first.c_str(),
+                     static_cast<double>(e.second->ratio), e.second->down ? "(down)" : "");
+            shares += one;
+        }
+        return ++applied, 0;
+    });
     link("wlan0", false, steadyRecords());
     link("wlan1", false, steadyRecords());
     ASSERT_TRUE(impl->enableSLA(true));
@@ -237,6 +247,14 @@ TEST_F(SlaTest, ADualWifiStatusChangeAloneRewritesTheRules) {
         EXPECT_EQ(s.second, applied) << "status " << s.first;
     }
     Parameters::instance()->setDoubleWifiSelectStatus(0);
+    // A link without carrier gets no new connections; the other takes its share.
+    EXPECT_TRUE(impl->setLinkDown("wlan0", true));
+    EXPECT_FALSE(impl->setLinkDown("wlan0", true));
+    impl->evalAndSetSLAInterfaceRatio();
+    EXPECT_EQ("wlan0=0.00(down) wlan1=1.00", shares);
+    EXPECT_TRUE(impl->setLinkDown("wlan0", false));
+    impl->evalAndSetSLAInterfaceRatio();
+    EXPECT_EQ("wlan0=0.50 wlan1=0.50", shares);
 }
 
 TEST_F(SlaTest, ConfigLinesInOrderAndAnInterfaceChangeDisablesFirst) {
