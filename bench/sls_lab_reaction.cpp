@@ -10,7 +10,8 @@
 //   silent   wlan0 drops every packet, carrier kept, while the game talks;
 //   idle     wlan0 drops every packet while no application talks.
 // Each round starts link selection afresh (sls-start, both links measured,
-// wlan0 chosen) and ends it (sls-stop) after the restore.
+// wlan0 chosen), cuts at a random point of the probes' cycle (0.5 to 3.5 s
+// later) and ends link selection (sls-stop) after the restore.
 //
 // Control (--control TRIES): with the demo's settings (100 ms loop, a probe
 // every 200 ms, three probes per decision, t_hyst_s 2) and probes that hang (a
@@ -39,6 +40,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -135,7 +137,10 @@ class Child {
   public:
     Child(const std::vector<std::string>& args, const std::string& out, const std::string& root = "") {
         pid_ = fork();
-        if (pid_ != 0) return;
+        if (pid_ != 0) {
+            children().push_back(pid_);
+            return;
+        }
         if (!root.empty()) setenv("VORD_ROOT", root.c_str(), 1);
         const int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         dup2(fd, STDOUT_FILENO);
@@ -149,11 +154,29 @@ class Child {
     ~Child() {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
+        children().erase(std::remove(children().begin(), children().end(), pid_), children().end());
+    }
+    // Every child still running (for the interrupt handler).
+    static std::vector<pid_t>& children() {
+        static std::vector<pid_t> pids;
+        return pids;
     }
 
   private:
     pid_t pid_;
 };
+
+// Ctrl-C or a kill: the children and the lab go too (async-signal-safe calls only).
+void onInterrupt(int) {
+    for (pid_t pid : Child::children()) kill(pid, SIGKILL);
+    const pid_t down = fork();
+    if (down == 0) {
+        execl(g_linklab.c_str(), g_linklab.c_str(), "down", g_lab.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    if (down > 0) waitpid(down, nullptr, 0);
+    _exit(130);
+}
 
 std::unique_ptr<Child> g_daemon;
 std::unique_ptr<LogTail> g_log;
@@ -221,7 +244,10 @@ long reactionRound(const std::string& kind, std::string* note) {
     if (!ready) {
         *note = "not ready (links not measured)";
     } else {
-        if (game) std::this_thread::sleep_for(500ms);  // the game's socket is on wlan0 and talking
+        // The game's socket on wlan0 and talking; the cut at a random point of the
+        // probes' cycle (the links were found measured just after a probe ended).
+        static std::mt19937 rng(1);
+        std::this_thread::sleep_for(500ms + std::chrono::milliseconds(rng() % 3000));
         g_log->mark();
         const auto cut = Clock::now();
         lab(kind == "carrier" ? "carrier " + g_lab + " wlan0 off" : "cut " + g_lab + " wlan0");
@@ -387,6 +413,8 @@ int main(int argc, char** argv) {
     }
     signal(SIGPIPE, SIG_IGN);
     g_lab = "vlab-" + std::to_string(getpid()) + "-0";
+    signal(SIGINT, onInterrupt);
+    signal(SIGTERM, onInterrupt);
     if (lab("up " + g_lab + " wlan0=20 rmnet_data0=15 --default rmnet_data0") != 0) {
         printf("sls_lab_reaction: the lab could not be built\n");
         return 1;

@@ -12,14 +12,7 @@ uint64_t RecentTraffic::moved(const Cookie& cookie, uint64_t total) {
 }
 
 void RecentTraffic::endPoll() {
-    for (auto it = m_sockets.begin(); it != m_sockets.end();) {
-        if (!it->second.seen) {
-            it = m_sockets.erase(it);
-        } else {
-            it->second.seen = false;
-            ++it;
-        }
-    }
+    endSocketPoll(m_sockets);
     m_first = false;
 }
 

@@ -11,11 +11,13 @@
 #include <map>
 #include <utility>
 
+#include "monitors/SocketPolls.h"
+
 namespace vord {
 
 class RecentTraffic {
   public:
-    using Cookie = std::pair<uint32_t, uint32_t>;  // the socket's inet_diag cookie
+    using Cookie = SocketCookie;
     static constexpr size_t kPolls = 5;
 
     // Enters the socket's byte total of this poll; returns what it moved since the

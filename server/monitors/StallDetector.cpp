@@ -28,11 +28,11 @@ void StallDetector::add(const inet_diag_msg* msg, const uint8_t* info, uint32_t 
     }
     uint32_t unacked = 0;
     if (!TCPI_READ(info, infoLen, tcpi_unacked, &unacked)) return;
-    Seen& seen = m_sockets[{msg->id.idiag_cookie[0], msg->id.idiag_cookie[1]}];
-    const Seen before = seen;
-    seen.thisPoll = true;
-    seen.inFlight = unacked > 0;
-    TCPI_READ(info, infoLen, tcpi_bytes_acked, &seen.bytesAcked);
+    Seen& now = m_sockets[{msg->id.idiag_cookie[0], msg->id.idiag_cookie[1]}];
+    const Seen before = now;
+    now.seen = true;
+    now.inFlight = unacked > 0;
+    TCPI_READ(info, infoLen, tcpi_bytes_acked, &now.bytesAcked);
     if (unacked == 0) return;
 
     m_counted += 1;
@@ -43,19 +43,12 @@ void StallDetector::add(const inet_diag_msg* msg, const uint8_t* info, uint32_t 
     const uint32_t limitMs = std::max(4 * (rttUs / 1000), m_thresholdMs);
     const bool silent = TCPI_READ(info, infoLen, tcpi_last_ack_recv, &lastAckMs) &&
                         lastAckMs >= limitMs && before.inFlight &&
-                        before.bytesAcked == seen.bytesAcked;
+                        before.bytesAcked == now.bytesAcked;
     if (inBackoff || silent) m_stalled += 1;
 }
 
 bool StallDetector::endPoll() {
-    for (auto it = m_sockets.begin(); it != m_sockets.end();) {
-        if (!it->second.thisPoll) {
-            it = m_sockets.erase(it);
-        } else {
-            it->second.thisPoll = false;
-            ++it;
-        }
-    }
+    endSocketPoll(m_sockets);
     return m_counted > 0 && m_stalled == m_counted;
 }
 

@@ -24,6 +24,8 @@
 #include <set>
 #include <utility>
 
+#include "monitors/SocketPolls.h"
+
 namespace vord {
 
 class StallDetector {
@@ -43,13 +45,13 @@ class StallDetector {
     struct Seen {
         uint64_t bytesAcked = 0;
         bool inFlight = false;
-        bool thisPoll = false;
+        bool seen = false;  // in this poll
     };
     std::set<uint32_t> m_uids;
     uint32_t m_ifindex = 0;
     uint32_t m_thresholdMs = 0;
     size_t m_counted = 0, m_stalled = 0;
-    std::map<std::pair<uint32_t, uint32_t>, Seen> m_sockets;  // by inet_diag cookie
+    std::map<SocketCookie, Seen> m_sockets;
 };
 
 }  // namespace vord

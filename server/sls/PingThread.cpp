@@ -6,6 +6,12 @@
 // ending, or was failed by a link event meanwhile (its epoch moved on). The sleep
 // between probes waits on pingWakeup() with the mutex released, so a thread whose
 // record is ended leaves at once, and a link that came back is probed at once.
+//
+// A probe whose exchange went unacknowledged (the link stopped carrying in the
+// middle of it) is a stall of the probe's own traffic: with stall detection on it
+// is checked at once, as a stall of the gaming connections is, by a connection
+// to the built-in probe server, and no answer fails the link without waiting for
+// the misses of the probes to come.
 
 #define LOG_TAG "MUX-Vord-SlaPing"
 
@@ -89,7 +95,14 @@ void* makeRawPingFunc(void* rtt) {
             // an earlier probe, and its reason is in the record's state.
             drain(abortFd);
             lock.unlock();
+            info.stalled = false;
             const int result = Tcping::updateTcpingRtt(&info, penalty);
+            if (info.stalled && params->stallDetectionEnabled() &&
+                !Tcping::linkAnswers(r->ifname, VORD_DEFAULT_RTT_SERVER, VORD_DEFAULT_RTT_PORT,
+                                     Tcping::kTimeoutUs / 1000, abortFd) &&
+                SmartLinkSelection::isInstance()) {
+                SmartLinkSelection::instance()->linkStalled(r->ifname);
+            }
             lock.lock();
             if (!r->alive) break;
             if (r->running && r->epoch == epoch) {

@@ -158,14 +158,17 @@ int Tcping::getTcpingRtt(tcping_info* info, int offsetMs) {
         }
         exchanges += 1;  // a peer that closed (0) counts as an exchange
     }
-    if (aborted || (failed && exchanges == 0)) {
-        closeSocket(info);
-        return -1;
-    }
     tcp_info kernelInfo;
     memset(&kernelInfo, 0, sizeof(kernelInfo));
     socklen_t length = sizeof(kernelInfo) < kTcpInfoLength ? sizeof(kernelInfo) : kTcpInfoLength;
-    if (getsockopt(info->sockfd, IPPROTO_TCP, TCP_INFO, &kernelInfo, &length) != 0 ||
+    const bool haveInfo =
+            !aborted && getsockopt(info->sockfd, IPPROTO_TCP, TCP_INFO, &kernelInfo, &length) == 0;
+    // A failed exchange whose bytes the server's kernel did not even acknowledge:
+    // the path stopped carrying, whatever the server program does.
+    info->stalled = failed && haveInfo &&
+                    length >= offsetof(tcp_info, tcpi_unacked) + sizeof(kernelInfo.tcpi_unacked) &&
+                    kernelInfo.tcpi_unacked > 0;
+    if (aborted || (failed && exchanges == 0) || !haveInfo ||
         length < offsetof(tcp_info, tcpi_rtt) + sizeof(kernelInfo.tcpi_rtt)) {
         closeSocket(info);
         return -1;
@@ -212,7 +215,7 @@ int Tcping::genRandomString(int len, char* out) {
     return 0;
 }
 
-bool Tcping::linkAnswers(const char* ifname, const char* server, int port, int timeoutMs) {
+bool Tcping::linkAnswers(const char* ifname, const char* server, int port, int timeoutMs, int abortFd) {
     tcping_info info;
     info.ifname = ifname;
     info.server = server;
@@ -224,7 +227,9 @@ bool Tcping::linkAnswers(const char* ifname, const char* server, int port, int t
     if (!answered && errno == EINPROGRESS) {
         const timespec deadline = deadlineAfterMs(timeoutMs);
         short revents = 0;
-        if (pollUntil(info.sockfd, POLLOUT, &deadline, -1, &revents) > 0) {
+        const int polled = pollUntil(info.sockfd, POLLOUT, &deadline, abortFd, &revents);
+        if (polled < 0 && errno == ECANCELED) answered = true;  // no verdict
+        if (polled > 0) {
             int error = 0;
             socklen_t len = sizeof(error);
             getsockopt(info.sockfd, SOL_SOCKET, SO_ERROR, &error, &len);

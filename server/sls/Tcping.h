@@ -23,6 +23,10 @@ struct tcping_info {
     int rtt = 0;                   // result, ms
     int port = 0;                  // probe server port, host order (low 16 bits)
     int abortFd = -1;              // readable: give up at once (-1: none)
+    // Set by a probe whose exchange failed with its bytes not even acknowledged
+    // by the server's kernel: the path stopped carrying (a sample may still come
+    // from the exchanges before).
+    bool stalled = false;
 };
 
 class Tcping {
@@ -51,8 +55,10 @@ class Tcping {
     // link is attempted within `timeoutMs`. True when the server answered, by
     // accepting or refusing; false when nothing came back in time or the socket
     // could not be set up. No data is exchanged, so the server's manner of
-    // answering data plays no part.
-    static bool linkAnswers(const char* ifname, const char* server, int port, int timeoutMs);
+    // answering data plays no part. Also true (no verdict) when `abortFd`
+    // became readable.
+    static bool linkAnswers(const char* ifname, const char* server, int port, int timeoutMs,
+                            int abortFd = -1);
 
     // The probe server's address from its text (dotted IPv4, inet_addr's forms)
     // and port. False when the text is not an address; `out` then holds an

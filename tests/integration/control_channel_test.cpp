@@ -34,6 +34,9 @@ TEST_F(DaemonTest, ClientCredentialsToolSignalStateAndAStopBehindACommand) {
     root.writeFile("/record/signals", "");  // from here on: tools run by the control thread
     ASSERT_TRUE(client.connect() && client.send(1, "wlan0"));
     ASSERT_TRUE(daemon.waitForLog("-A vexo_nat_POSTROUTING_MUX -o wlan0")) << daemon.log();
+    // The main loop's first evaluation with wlan0 has written its ratio rule, so
+    // the loop takes no rule lock while the slow command below runs.
+    ASSERT_TRUE(daemon.waitForLog("-j vexo_fw_wlan0\n")) << daemon.log();
     client.close();
 
     const std::string who = "pid=" + std::to_string(getpid()) + " uid=" + std::to_string(getuid());
@@ -68,7 +71,7 @@ TEST_F(DaemonTest, ClientCredentialsToolSignalStateAndAStopBehindACommand) {
     EXPECT_EQ(0, access(root.at("/record/slow-done").c_str(), F_OK));  // the running command ended
     EXPECT_EQ("", missingInOrder(daemon.log(), {"socket Thread exit", "Mux disabled, starting cleanup..."}))
         << daemon.log();
-    EXPECT_EQ(daemon.countLog("queued-"), 0u);
+    EXPECT_EQ(daemon.countLog("queued-"), 0u) << daemon.log();
     EXPECT_TRUE(daemon.alive());
 }
 
