@@ -306,7 +306,7 @@ if [ -z "$skip_lab" ]; then
     "$bin/vord-linklab" cut "$lab" wlan0
     wait_log_since "$mark" "perform switch rmnet_data0" 20
     echo "switch $((($(date +%s%N) - start) / 1000000)) ms after the cut; why (from the log):"
-    log_since "$mark" 'failed.*device is wlan0|Ping (Miss|FAIL) for RTT interface \(wlan0\)' 3
+    log_since "$mark" 'have stalled|: link failed|failed.*device is wlan0|Ping (Miss|FAIL) for RTT interface \(wlan0\)' 3
     log_since "$mark" 'perform switch|UID destroying sockets|destroying .* sockets' 4
     wait_for "$sandbox/client.log" "reconnected " 10
     echo "-- the application:"

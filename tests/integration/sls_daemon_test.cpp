@@ -16,7 +16,9 @@ using namespace std::chrono_literals;
 
 TEST_F(DaemonTest, SelectionStartAndStopShowInTheSnapshotAndTheProbeThreads) {
     root.writeFile("/proc/sla/config", "");
-    ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=50\nping_interval_ms=50\nt_hyst_s=0\nmin_ping_times=2\n"));
+    // Without link events: no link-event monitor, so the threads are as they always were.
+    ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=50\nping_interval_ms=50\nt_hyst_s=0\nmin_ping_times=2\nlink_events=0\n"));
+    EXPECT_EQ(0u, daemon.countLog("LinkEventMonitor"));
     ASSERT_TRUE(client.connect(5s) && client.send(1, "wlan7,rmnet_data9"));
     ASSERT_TRUE(daemon.waitForLog("preinterfacelist is rmnet_data9"));
     const int idleThreads = threadCount(daemon.pid());

@@ -363,6 +363,11 @@ TEST_F(SlsTest, LinkEventsFailOnlyTheirLinkAtOnceAndABounceDoesNotFlap) {
     engine->linkDown("wlan0", LinkFailCause::AddressLost);
     engine->calcInterface();
     EXPECT_EQ("wlan0>rmnet_data0 address-lost: wlan0 lost its last IPv4 address", lastSwitch());
+    vord::setMainLoopWakeupsEnabled(false);  // "link_events" off: the loop keeps its period
+    vord::sleepUnlessWoken(0s);
+    engine->linkStalled("rmnet_data0");
+    EXPECT_FALSE(vord::sleepUnlessWoken(1ms));
+    vord::setMainLoopWakeupsEnabled(true);
 }
 
 // The RSSI monitor's penalty sink against the real engine.
