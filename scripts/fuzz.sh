@@ -32,7 +32,7 @@ if ! command -v clang++ >/dev/null 2>&1 || ! probe_fuzzer; then
 fi
 
 targets=(nl80211_fuzz sockdiag_fuzz control_record_fuzz config_fuzz uid_list_fuzz
-         iface_params_fuzz stats_block_fuzz voip_state_fuzz)
+         iface_params_fuzz stats_block_fuzz voip_state_fuzz rtnetlink_fuzz)
 seconds=${FUZZ_SECONDS:-30}
 
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DVORD_FUZZ=ON -DVORD_BUILD_TESTS=OFF \

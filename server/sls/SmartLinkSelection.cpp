@@ -40,7 +40,8 @@ std::recursive_mutex g_slsControlMutex;
 std::atomic<SmartLinkSelection*> g_slsInstance{nullptr};
 
 // The state as of the last probe or decision step, for readers that must not
-// wait for a probe in progress (a probe holds g_slsMapMutex for up to seconds).
+// wait for the engine (a decision step holds g_slsMapMutex through a switch's
+// rule commands and socket destruction).
 // A leaf lock: taken under g_slsMapMutex, never the other way round.
 std::mutex g_publishedMutex;
 SlsState g_published;

@@ -80,8 +80,8 @@ class SmartLinkSelection {
     // Serialises start/stop/add/remove sequences; see the top of this file.
     static std::recursive_mutex& slsControlMutex();
 
-    // The engine's state for the status snapshot, without waiting for a probe:
-    // fresh when g_slsMapMutex is free, otherwise the copy published by the last
+    // The engine's state for the status snapshot, without waiting for the
+    // engine: fresh when g_slsMapMutex is free, otherwise the copy published by the last
     // probe or decision step. False (out untouched) when the engine does not exist.
     static bool trySnapshotState(SlsState& out);
     // Publishes the state for trySnapshotState. Caller holds g_slsMapMutex.

@@ -31,8 +31,9 @@ enum class EngineRead {
     Read,  // `out` holds the engine's state
 };
 
-// Never waits for the engine (a probe holds its lock for up to seconds): while
-// it is busy, the state published by its last probe or decision step is read.
+// Never waits for the engine (a switch holds its lock through rule commands):
+// while it is busy, the state published by its last probe or decision step is
+// read.
 EngineRead readSelectionEngine(EngineState* out);
 
 }  // namespace status

@@ -43,6 +43,7 @@ void writeStoppedStatusSnapshot(Parameters* params) {
     SnapshotState& st = state();
     Snapshot last;
     collect(params, nullptr, Snapshot(), &last);
+    last.lastSwitch = st.current.lastSwitch;  // the engine is gone; its last switch stays on record
     last.state = "stopped";
     last.updatedMonoMs = nowMs(CLOCK_MONOTONIC);
     last.updatedWallMs = nowMs(CLOCK_REALTIME);

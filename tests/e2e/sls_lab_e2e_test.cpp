@@ -160,6 +160,8 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
 
     // Shutdown leaves no rule behind.
     EXPECT_TRUE(daemon->stopThroughProperty()) << daemon->log();
+    status::Snapshot last;  // the final snapshot keeps the last switch
+    EXPECT_TRUE(snapshot(&last) && last.state == "stopped" && last.lastSwitch.valid) << root.readFile(kSnapshot);
     EXPECT_EQ("", lab->exec("iptables-save | grep vexo_"));
     EXPECT_EQ(std::string::npos, lab->exec("ip rule").find("fwmark")) << lab->exec("ip rule");
 }

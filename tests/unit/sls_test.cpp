@@ -308,7 +308,7 @@ TEST_F(SlsTest, GameModeCheckEndsAfterSixSecondsOnWifiAndACellularLinkResetsTheT
 TEST_F(SlsTest, SnapshotShowsTheStateWithoutWaiting) {
     addLink("wlan0", 11)->speed = 42;
     engine->calcInterface();
-    // A probe holds the lock: the state published by the last step, at once.
+    // The lock is held (a switch in progress): the state published by the last step, at once.
     std::lock_guard<std::mutex> busy(g_slsMapMutex);
     engine->slsInterfaceMap().begin()->second->speed = 99;
     SlsState state;
