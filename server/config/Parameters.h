@@ -9,6 +9,7 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -177,9 +178,11 @@ class Parameters {
 
   private:
     std::string getMeteredInterfaceSlaveStatus();
-    void parseList(const std::string& source, std::vector<std::string>& target, size_t limit,
-                   bool needDecimal, bool needAddress, const char* entryMsg, const char* errMsg,
-                   const char* funcName);
+    // Rebuilds `target` from the entries of `source` that `refusal` finds no
+    // reason to refuse; each refused one is logged after `funcName`.
+    void parseList(const std::string& source, std::vector<std::string>& target,
+                   const std::function<std::string(const std::string&)>& refusal,
+                   const char* entryMsg, const char* funcName);
 
     // Guards every string and list member below against concurrent replacement.
     mutable std::mutex m_listMutex;

@@ -12,9 +12,10 @@ namespace {
 
 using namespace vord::test;
 
-// Refused names, lists, payloads and UIDs leave nothing half-built; a huge cache
-// is clamped; a block cut short while mapped leaves the daemon serving; a
-// directory in place of the conf file is a failed read.
+// Refused names, lists, payloads and UIDs leave nothing half-built, and each
+// refused command counts once; a huge cache is clamped; a block cut short while
+// mapped leaves the daemon serving; a directory in place of the conf file is a
+// failed read.
 TEST_F(DaemonTest, RefusalsBuildNothingClampedCacheCutBlockAndDirectoryConf) {
     root.writeFile("/proc/sla/config", "");
     ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=100\nbest_est_cache_size=1000000000\n"));
@@ -27,7 +28,7 @@ TEST_F(DaemonTest, RefusalsBuildNothingClampedCacheCutBlockAndDirectoryConf) {
     auto sendAndWait = [&](int id, const std::string& text) {
         const std::string marker = "marker-" + std::to_string(++sent);
         ASSERT_TRUE(sent > 1 || client.connect(std::chrono::seconds(10)));
-        ASSERT_TRUE(client.send(id, text) && client.send(12, marker));
+        ASSERT_TRUE(client.send(id, text) && client.send(10, marker));
         ASSERT_TRUE(daemon.waitForLog("msg.message=[" + marker + "]")) << daemon.log();
     };
     for (const char* name : {"local", "main", "255", "rmnet_data123"}) {
@@ -43,6 +44,23 @@ TEST_F(DaemonTest, RefusalsBuildNothingClampedCacheCutBlockAndDirectoryConf) {
     EXPECT_EQ(1u, daemon.countLog("msg.message=[0,1\\x0a2,10123\\x0aE/MUX-Vord-daemon: forged]"));
     EXPECT_EQ(1u, daemon.countLog("refused entry \"1\\x0a2\": not a decimal UID"));
     EXPECT_EQ(2u, daemon.countLog("populateSlauidwhitelist refused entry \"0\": UID 0 (root) is never steered"));
+    ASSERT_NO_FATAL_FAILURE(sendAndWait(6, "7"));
+    ASSERT_NO_FATAL_FAILURE(sendAndWait(14, "5"));
+    EXPECT_EQ(1u, daemon.countLog("setDoubleWifiMonitor refused \"7\": neither 1 (on) nor 0 (off)"));
+    EXPECT_EQ(1u, daemon.countLog("setGameAiModeCheckRtt refused \"5\": neither 1 (on) nor 0 (off)"));
+    // Whitelists 2, 5 and 7: a repeated payload changes nothing, "NULL" empties
+    // the list, and a repeated "NULL" changes nothing either.
+    const size_t rebuilt = countOf(root.recordedCommands(), "-F vexo_MUX_wapper");
+    for (int id : {2, 5, 7}) {
+        for (const char* text : {"10777", "10777", "NULL", "NULL"}) ASSERT_NO_FATAL_FAILURE(sendAndWait(id, text));
+    }
+    EXPECT_EQ(rebuilt + 6, countOf(root.recordedCommands(), "-F vexo_MUX_wapper"));
+    EXPECT_EQ(1u, daemon.countLog("SLA Double Wlan UID whitelist = 10777"));
+    // Refused in whole or in part: 4 names, the long list, 2 whitelists, 2 switches.
+    ASSERT_TRUE(waitSnapshot([&](const vord::status::Snapshot& s) { return s.controlServed == 12u + sent; }))
+        << last.controlServed << " served, " << sent << " sent";
+    EXPECT_EQ(9u, last.controlRefused);
+    EXPECT_EQ(0u, last.slaWhitelist + last.dwWhitelist + last.ddWhitelist);
 
     // Nothing half-built: no rule, no block file, no module line, no slot.
     const std::string cmds = root.recordedCommands();
