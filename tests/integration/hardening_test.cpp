@@ -13,11 +13,18 @@ namespace {
 using namespace vord::test;
 
 // Refused names, lists, payloads and UIDs leave nothing half-built, and each
-// refused command counts once; a huge cache is clamped; a block cut short while
+// refused command counts once; failing rule tools are counted and shown; a huge cache is clamped; a block cut short while
 // mapped leaves the daemon serving; a directory in place of the conf file is a
 // failed read.
 TEST_F(DaemonTest, RefusalsBuildNothingClampedCacheCutBlockAndDirectoryConf) {
     root.writeFile("/proc/sla/config", "");
+    // Rule tools that record each command and then fail it.
+    for (const char* tool : {"iptables-wrapper-1.0", "ip-wrapper-1.0"}) {
+        root.writeFile(std::string("/system/bin/") + tool,
+                       std::string("#!/bin/sh\necho \"/system/bin/") + tool + " $*\" >> '" +
+                           root.at("/record/commands") + "'\necho \"no: $2\"\nexit 1\n",
+                       0755);
+    }
     ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=100\nbest_est_cache_size=1000000000\n"));
     EXPECT_EQ(1u, daemon.countLog("W/MUX-Vord-SlaParameters: best_est_cache_size 1000000000 is above "
                                   "the maximum of 3600: 3600 is used"));
@@ -60,6 +67,10 @@ TEST_F(DaemonTest, RefusalsBuildNothingClampedCacheCutBlockAndDirectoryConf) {
     ASSERT_TRUE(waitSnapshot([&](const vord::status::Snapshot& s) { return s.controlServed == 12u + sent; }))
         << last.controlServed << " served, " << sent << " sent";
     EXPECT_EQ(9u, last.controlRefused);
+    // Every rule command failed; the last one is shown with its output.
+    EXPECT_EQ(last.ruleCommandsFailed, last.ruleCommandsRun);
+    EXPECT_EQ(last.lastFailedResult + " " + last.lastFailedOutput, "exit 1 no: -t\\x0a");
+    EXPECT_EQ(last.lastFailedCommand.rfind("/system/bin/iptables-wrapper-1.0 -w -t ", 0), 0u) << last.lastFailedCommand;
     EXPECT_EQ(0u, last.slaWhitelist + last.dwWhitelist + last.ddWhitelist);
 
     // Nothing half-built: no rule, no block file, no module line, no slot.
