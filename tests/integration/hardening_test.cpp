@@ -29,8 +29,7 @@ TEST_F(DaemonTest, RefusalsBuildNothingClampedCacheCutBlockAndDirectoryConf) {
     EXPECT_EQ(1u, daemon.countLog("W/MUX-Vord-SlaParameters: best_est_cache_size 1000000000 is above "
                                   "the maximum of 3600: 3600 is used"));
     // Sends one record, then a no-op marker record, and waits until the marker
-    // is received. One connection serves the whole test: a client that connects
-    // while the previous one's hang-up is pending would be dropped.
+    // is received. One connection serves the whole test.
     int sent = 0;
     auto sendAndWait = [&](int id, const std::string& text) {
         const std::string marker = "marker-" + std::to_string(++sent);

@@ -28,7 +28,8 @@ TEST_F(DaemonTest, FiftyRoundsOfEachFeatureThenShutdownWhileAllRun) {
     for (int i = 1; i <= 50; ++i) {
         const std::pair<int, const char*> sequence[] = {
                 {9, "10123"}, {10, ""},                      // link selection
-                {11, "10123"}, {11, "0"},                    // voice call
+                {11, "10123"}, {11, "10456"}, {11, "0"},     // voice call; a second start does nothing
+                {14, "1"},                                   // the check before game mode does nothing
                 {13, "10123"}, {14, "1"}, {14, "0"}, {13, "0"},  // game mode and its check
                 {13, "10123"}, {14, "1"}, {13, "0"},         // game mode off with the check on
                 {6, "1"}, {6, "1"}, {6, "0"}, {6, "0"},      // dual Wi-Fi monitor; a second start or stop does nothing
@@ -44,6 +45,8 @@ TEST_F(DaemonTest, FiftyRoundsOfEachFeatureThenShutdownWhileAllRun) {
     EXPECT_EQ(daemon.countLog("RssiStateMonitor stopped"), 200u);
     EXPECT_EQ(daemon.countLog("SlaTcpSocketMonitor polling"), 150u);
     EXPECT_EQ(daemon.countLog("SlaTcpSocketMonitor stopped"), 150u);
+    EXPECT_EQ(daemon.countLog("setGameAiModeCheckRtt enable"), 100u);
+    EXPECT_EQ(daemon.countLog("SLS GAMING Demo UID = 10456"), 0u);
     expectThreads(baseline);
 
     const char* const monitors[] = {"SlaTcpSocketMonitor stopped", "RssiStateMonitor stopped",

@@ -10,8 +10,8 @@
 //
 // Every command becomes one 1032-byte record, written with one write; all
 // commands of one invocation go over one connection, in order. The daemon sends
-// no reply. It also drops data that a client leaves unread when it hangs up, so
-// before closing, vordctl waits until the daemon has read every record.
+// no reply, so before closing, vordctl waits until the daemon has read every
+// record: its exit status then says the records arrived.
 //
 // The daemon serves one client at a time and runs each command to its end before
 // it reads the next record, so a connection can wait in its listen queue, or its
@@ -267,8 +267,8 @@ int connectDaemon(const std::string& path, Wait& wait) {
 enum class Delivery { Done, Lost, Failed };
 
 // Writes the records and waits until the daemon has read all of them. Lost means
-// the connection was dropped unread (it was still queued on a listening socket
-// that the daemon replaced), so sending again is safe.
+// the connection was dropped unread (a daemon of an older kind drops the
+// clients queued on a listening socket it replaces), so sending again is safe.
 Delivery sendRecords(int fd, const std::vector<msg_t>& records, const std::string& path,
                      Wait& wait) {
     for (const msg_t& msg : records) {
@@ -349,8 +349,9 @@ int main(int argc, char** argv) {
         return 0;
     }
 
-    // Several clients at once compete for the one the daemon serves; the others are
-    // dropped when it hangs up. A random pause spreads their next attempts.
+    // Several clients at once compete for the one the daemon serves; while it
+    // re-creates its socket the others are refused. A random pause spreads their
+    // next attempts.
     srand(static_cast<unsigned>(getpid()));
     wait.start = Clock::now();
     wait.deadline = wait.start + std::chrono::seconds(wait.seconds);
