@@ -47,14 +47,13 @@
 
 #include <vord/RootPath.h>
 
-#include "config/LogText.h"
 #include "config/Parameters.h"
+#include "config/Refusals.h"
 #include "control/ControlState.h"
 #include "control/FeatureCommands.h"
 #include "control/InterfaceCommands.h"
-#include "control/SignalHandler.h"
-#include "config/Refusals.h"
 #include "control/RecordStream.h"
+#include "control/SignalHandler.h"
 #include "control/WhitelistCommands.h"
 #include "counters/Counters.h"
 #include "counters/Refusal.h"

@@ -55,8 +55,10 @@ TEST_F(DaemonTest, ClientCredentialsToolSignalStateAndAStopBehindACommand) {
     }
     EXPECT_GE(seen, 10) << signals;  // every command of the add
 
-    // A whitelist command whose rule tool takes 2 s. It holds no lock the main
-    // loop takes, so the loop sees the stop while the command still runs.
+    // A whitelist command whose rule tool takes 2 s. Once the loop has written
+    // wlan0's cascade it takes no lock the command holds, so it sees the stop
+    // while the command still runs.
+    ASSERT_TRUE(daemon.waitForLog("Updated Ratio")) << daemon.log();
     root.writeFile("/system/bin/iptables-wrapper-1.0",
                    "#!/bin/sh\ncase \"$*\" in *10123*) : > '" + root.at("/record/slow") +
                        "'; sleep 2; : > '" + root.at("/record/slow-done") + "';; esac\n",
