@@ -32,10 +32,11 @@ ensure_deps
 build=${BUILD_DIR:-$top/build}
 echo "building vord and its tools in $build (a fresh clone takes a minute or two)..."
 cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-# Only what the demo runs (scripts/test.sh builds the tests); one line per target
-# built, compiler messages as they come.
+# Only what the demo runs (scripts/test.sh builds the tests). Progress: a line per
+# ten files compiled and per program built; compiler messages as they come.
 cmake --build "$build" -j"$(nproc)" --target vord vordctl setprop getprop sla_stats_sim vord-linklab |
-    sed -n 's/^\[ *\([0-9]*%\)\] Built target \(.*\)/  [\1] \2/p'
+    awk '/Building CXX object/ { if (++n % 10 == 0) { printf "  %d files compiled\n", n; fflush() } }
+         /Built target/ { t = $NF; if (!seen[t]++) { printf "  built %s\n", t; fflush() } }'
 echo "built"
 bin="$build/bin"
 
