@@ -18,14 +18,17 @@ using namespace vord::test;
 // failed read.
 TEST_F(DaemonTest, RefusalsBuildNothingClampedCacheCutBlockAndDirectoryConf) {
     root.writeFile("/proc/sla/config", "");
-    // Rule tools that record each command and then fail it.
+    // Rule tools that record each command and then fail it; the first one hangs.
     for (const char* tool : {"iptables-wrapper-1.0", "ip-wrapper-1.0"}) {
         root.writeFile(std::string("/system/bin/") + tool,
                        std::string("#!/bin/sh\necho \"/system/bin/") + tool + " $*\" >> '" +
-                           root.at("/record/commands") + "'\necho \"no: $2\"\nexit 1\n",
+                           root.at("/record/commands") + "'\n[ \"$*\" = '-w -t mangle -N vexo_MUX' ] && sleep 60\n"
+                           "echo \"no: $2\"\nexit 1\n",
                        0755);
     }
-    ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=100\nbest_est_cache_size=1000000000\n"));
+    ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=100\nbest_est_cache_size=1000000000\nrule_command_timeout_s=1\n"));
+    EXPECT_EQ(1u, daemon.countLog("execnetd command failed (killed after 1 s): /system/bin/iptables-wrapper-1.0 -w "
+                                  "-t mangle -N vexo_MUX"));
     EXPECT_EQ(1u, daemon.countLog("W/MUX-Vord-SlaParameters: best_est_cache_size 1000000000 is above "
                                   "the maximum of 3600: 3600 is used"));
     // Sends one record, then a no-op marker record, and waits until the marker
