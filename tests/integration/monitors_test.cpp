@@ -53,7 +53,8 @@ TEST_F(DaemonTest, FiftyRoundsOfEachFeatureThenShutdownWhileAllRun) {
                                     "DoubleWifiMonitor stopped"};
     size_t stops[3];
     for (int i = 0; i < 3; ++i) stops[i] = daemon.countLog(monitors[i]);
-    for (const auto& c : {std::pair<int, const char*>{13, "10123"}, {14, "1"}, {11, "10456"}, {6, "1"}}) {
+    // No game-mode check here: its end on Wi-Fi would take the call's probes with it.
+    for (const auto& c : {std::pair<int, const char*>{13, "10123"}, {11, "10456"}, {6, "1"}}) {
         ASSERT_TRUE(client.send(c.first, c.second));
     }
     ASSERT_TRUE(daemon.waitForLog("DoubleWifiMonitor started", std::chrono::seconds(10), 51));
