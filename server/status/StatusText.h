@@ -3,11 +3,11 @@
 //
 // The file is plain "key=value" lines in a fixed order: a header (format version,
 // pid, state, loop period, update times), one group of "link.<name>.<field>" lines
-// per managed link, then the "selection.", "features." and "counters." keys, and
-// "end=1" as the last line. A reader that does not find the end line has a partial
-// file. Unknown keys are skipped by the reader, so keys can be added without a new
-// format version (a reader does not require the keys added since version 1); a
-// version above kFormatVersion is refused.
+// per managed link, then the "selection.", "features.", "counters." and "rules."
+// keys, and "end=1" as the last line. A reader that does not find the end line has
+// a partial file. Unknown keys are skipped by the reader, so keys can be added
+// without a new format version (a reader does not require the keys added since
+// version 1); a version above kFormatVersion is refused.
 //
 // This file has no dependency on the daemon: vordctl and the tests use it as is.
 #pragma once
