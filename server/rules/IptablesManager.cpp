@@ -9,6 +9,7 @@
 
 #include "config/Parameters.h"
 #include "rules/RuleCommand.h"
+#include "rules/execnetd.h"
 
 using rules::run;
 
@@ -43,6 +44,7 @@ void IptablesManager::clean_MUX_iptables() {
 // empty base chains and exactly one hook of each kind. The tools' complaints about
 // existing chains and missing hooks are only logged.
 IptablesManager::IptablesManager() {
+    setRuleCommandTimeout(Parameters::instance()->getRuleCommandTimeoutS());
     std::lock_guard<std::mutex> lock(g_iptablesMutex);
     const char* ipt = rules::kIptables;
     run("%s -w -t mangle -N vexo_MUX", ipt);
