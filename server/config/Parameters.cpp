@@ -228,6 +228,7 @@ bool Parameters::setValue(const char* key, const char* value) {
         {"num_interfaces", &m_numInterfaces},
         {"rtt_entry_threshold", &m_rttEntryThreshold},
         {"rtt_exit_threshold", &m_rttExitThreshold},
+        {"ipv6_rules", &m_ipv6Rules},
     };
     for (const IntKey& ik : intKeys) {
         if (k == ik.name) {

@@ -55,8 +55,9 @@ void logOutputLine(const std::string& line, const char* cmd) {
 }
 
 // Reads the tool's output until end of file and logs it: one piece per line, or
-// per kOutputPiece characters of a longer line.
-void drainOutput(int fd, const char* cmd) {
+// per kOutputPiece characters of a longer line. The first piece goes to
+// `first` when given.
+void drainOutput(int fd, const char* cmd, std::string* first) {
     std::string piece;
     char buf[512];
     for (;;) {
@@ -69,17 +70,21 @@ void drainOutput(int fd, const char* cmd) {
         for (ssize_t i = 0; i < n; ++i) {
             piece.push_back(buf[i]);
             if (buf[i] == '\n' || piece.size() == kOutputPiece) {
+                if (first != nullptr && first->empty()) first->assign(piece, 0, piece.find('\n'));
                 logOutputLine(piece, cmd);
                 piece.clear();
             }
         }
     }
-    if (!piece.empty()) logOutputLine(piece, cmd);
+    if (!piece.empty()) {
+        if (first != nullptr && first->empty()) *first = piece;
+        logOutputLine(piece, cmd);
+    }
 }
 
 }  // namespace
 
-int execnetd(const char* cmd) {
+int execnetd(const char* cmd, CommandOutcome* outcome) {
     if (cmd == nullptr) cmd = "";
     size_t len = strlen(cmd);
     if (len + kStderrSuffix >= kLineSize) {
@@ -136,9 +141,14 @@ int execnetd(const char* cmd) {
     }
     vord::bump(vord::counters().ruleCommandsRun);
     ALOGI("SEND SLA NDC COMMAND - PASS  %s\n", cmd);
-    drainOutput(fds[0], cmd);
+    drainOutput(fds[0], cmd, outcome != nullptr ? &outcome->firstLine : nullptr);
     close(fds[0]);
-    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (outcome != nullptr) {
+        outcome->started = true;
+        outcome->exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     return 0;
 }
