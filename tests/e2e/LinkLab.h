@@ -236,7 +236,7 @@ class LabTest : public ::testing::Test {
         std::string out;
         ASSERT_EQ(0, test::vordctl(root, args, &out)) << args << ": " << out;
     }
-    std::string mangle() const { return lab->exec("iptables-save -t mangle"); }
+    std::string mangle(bool v6 = false) const { return lab->exec(v6 ? "ip6tables-save -t mangle" : "iptables-save -t mangle"); }
 
     TempRoot root;
     std::unique_ptr<LinkLab> lab;
