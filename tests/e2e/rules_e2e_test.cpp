@@ -127,11 +127,11 @@ TEST_F(RulesE2E, BaseTreeWhitelistInterfaceRulesAndSplitInBothFamilies) {
     // wrapper), in each family; another UID's always take the default route.
     vordctl("ifaces wlan0,rmnet_data0");
     ASSERT_TRUE(daemon->waitForLog("preinterfacelist is rmnet_data0", std::chrono::seconds(10), 2)) << daemon->log();
-    auto cascadeReady = [&](bool v6) {
+    auto cascadeReady = [&](bool v6) {  // "... --probability P -j TARGET" twice
         const Strings r = rules("mangle", "vexo_SLA", v6);
-        auto p = [](const std::string& rule) { return std::atof(rule.c_str() + rule.find("--probability ") + 14); };
-        return r.size() == 2 && r[0].find("-j vexo_fw_wlan0") != std::string::npos && std::abs(p(r[0]) - 0.625) < 0.02 &&
-               r[1].find("-j vexo_fw_rmnet_data0_wrapper") != std::string::npos && p(r[1]) == 1.0;
+        auto p = [&](size_t i) { return std::atof(r[i].c_str() + r[i].find("--probability ") + 14); };
+        return r.size() == 2 && r[0].find("-j vexo_fw_wlan0") != std::string::npos && std::abs(p(0) - 0.625) < 0.02 &&
+               r[1].find("-j vexo_fw_rmnet_data0_wrapper") != std::string::npos && p(1) == 1.0;
     };
     ASSERT_TRUE(waitFor([&] { return cascadeReady(false) && cascadeReady(true); }, std::chrono::seconds(20)))
         << ::testing::PrintToString(rules("mangle", "vexo_SLA", true)) << daemon->log();

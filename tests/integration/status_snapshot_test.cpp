@@ -118,7 +118,6 @@ TEST_F(DaemonTest, RulesAndSnapshotFollowSimulatedRatesInterfacesAndShutdown) {
                               "incomplete: 5 of 9 commands failed, the first \"/system/bin/ip6tables-wrapper-1.0 -w -t "
                               "mangle -F vexo_fw_wlan0\" exited with status 1: ip6tables: no IPv6 here; IPv4 rules unaffected"));
     EXPECT_EQ(last.ipv6RuleGroupsFailed, daemon.countLog("; IPv4 rules unaffected"));
-    EXPECT_GT(last.ipv6RuleGroupsFailed, 4u);
     EXPECT_EQ(last.ipv6RuleCommandsRun, countOf(cmds, "ip6tables-wrapper-1.0 ") + countOf(cmds, "ip-wrapper-1.0 -6 "));
     ASSERT_EQ(1u, last.links.size());
     EXPECT_FALSE(last.links[0].aggregated);  // aggregation is released at shutdown
