@@ -20,7 +20,7 @@
 
 #include "config/Parameters.h"
 #include "rules/IptablesManager.h"
-#include "status/Counters.h"
+#include "counters/Counters.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <vord/RootPath.h>
 
 #include "config/Parameters.h"
-#include "status/Counters.h"
+#include "counters/Counters.h"
 
 namespace rules {
 
