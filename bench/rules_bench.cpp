@@ -18,6 +18,7 @@
 #include <map>
 #include <string>
 
+#include "QuietStderr.h"
 #include "config/Parameters.h"
 #include "rules/IptablesManager.h"
 #include "counters/Counters.h"
@@ -25,22 +26,6 @@
 namespace {
 
 bool g_realTools = false;
-
-class QuietStderr {
-  public:
-    QuietStderr() : saved_(dup(STDERR_FILENO)) {
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDERR_FILENO);
-        close(null);
-    }
-    ~QuietStderr() {
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-    }
-
-  private:
-    int saved_;
-};
 
 uint64_t commandsRun() { return vord::counters().ruleCommandsRun.load(); }
 

@@ -44,14 +44,10 @@ IptablesManager::IptablesManager() {
     std::lock_guard<std::mutex> lock(g_iptablesMutex);
     rules::inBothFamilies("IptablesManager", "", [](rules::Family& f) {
         const char* ipt = f.iptables();
-        f.optional("%s -w -t mangle -N vexo_MUX", ipt);
-        f.run("%s -w -t mangle -F vexo_MUX", ipt);
-        f.optional("%s -w -t mangle -N vexo_SLA", ipt);
-        f.run("%s -w -t mangle -F vexo_SLA", ipt);
-        f.optional("%s -w -t mangle -N vexo_SLS", ipt);
-        f.run("%s -w -t mangle -F vexo_SLS", ipt);
-        f.optional("%s -w -t mangle -N vexo_MUX_wapper", ipt);
-        f.run("%s -w -t mangle -F vexo_MUX_wapper", ipt);
+        for (const char* chain : {"vexo_MUX", "vexo_SLA", "vexo_SLS", "vexo_MUX_wapper"}) {
+            f.optional("%s -w -t mangle -N %s", ipt, chain);
+            f.run("%s -w -t mangle -F %s", ipt, chain);
+        }
         f.run("%s -w -t mangle -I vexo_MUX 1 -j vexo_SLS", ipt);
         f.run("%s -w -t mangle -I vexo_MUX 2 -m state --state ESTABLISHED,RELATED -j CONNMARK "
               "--restore-mark",
