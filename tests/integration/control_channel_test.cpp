@@ -56,7 +56,9 @@ TEST_F(DaemonTest, ClientCredentialsToolSignalStateAndAStopBehindACommand) {
     EXPECT_GE(seen, 10) << signals;  // every command of the add
 
     // A whitelist command whose rule tool takes 2 s. It holds no lock the main
-    // loop takes, so the loop sees the stop while the command still runs.
+    // loop takes once the first cascade for wlan0 is written, so the loop sees
+    // the stop while the command still runs.
+    ASSERT_TRUE(daemon.waitForLog("-A vexo_SLA -p tcp")) << daemon.log();
     root.writeFile("/system/bin/iptables-wrapper-1.0",
                    "#!/bin/sh\ncase \"$*\" in *10123*) : > '" + root.at("/record/slow") +
                        "'; sleep 2; : > '" + root.at("/record/slow-done") + "';; esac\n",
