@@ -11,10 +11,11 @@ namespace vord {
 
 struct Counters {
     std::atomic<uint64_t> controlRecordsServed{0};    // records dispatched to a handler
-    std::atomic<uint64_t> controlRecordsRefused{0};   // records dropped or refused
+    std::atomic<uint64_t> controlRecordsRefused{0};   // records dropped or refused, in whole or part
     std::atomic<uint64_t> ruleCommandsRun{0};         // rule tool processes started
     std::atomic<uint64_t> ruleCommandsNotStarted{0};  // rule tool processes that could not start
-    // The IPv6 share of the two above, and the IPv6 halves of rule groups that
+    std::atomic<uint64_t> ruleCommandsFailed{0};      // started, but exited non-zero or were killed
+    // The IPv6 share of the run and not-started counts, and the IPv6 halves of rule groups that
     // were skipped (no IPv6 tool) or left incomplete.
     std::atomic<uint64_t> ipv6RuleCommandsRun{0};
     std::atomic<uint64_t> ipv6RuleCommandsNotStarted{0};

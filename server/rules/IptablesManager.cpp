@@ -9,6 +9,7 @@
 
 #include "config/Parameters.h"
 #include "rules/RuleFamily.h"
+#include "rules/execnetd.h"
 
 std::mutex g_iptablesMutex;
 
@@ -41,6 +42,7 @@ void IptablesManager::clean_MUX_iptables() {
 // empty base chains and exactly one hook of each kind. The tools' complaints about
 // existing chains and missing hooks are only logged.
 IptablesManager::IptablesManager() {
+    setRuleCommandTimeout(Parameters::instance()->getRuleCommandTimeoutS());
     std::lock_guard<std::mutex> lock(g_iptablesMutex);
     rules::inBothFamilies("IptablesManager", "", [](rules::Family& f) {
         const char* ipt = f.iptables();
