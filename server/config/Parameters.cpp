@@ -285,6 +285,7 @@ bool Parameters::setValue(const char* key, const char* value) {
         {"stall_poll_ms", &m_stallPollMs},
         {"stall_threshold_ms", &m_stallThresholdMs},
         {"rule_command_timeout_s", &m_ruleCommandTimeoutS},
+        {"ipv6_rules", &m_ipv6Rules},
     };
     for (const IntKey& ik : intKeys) {
         if (k == ik.name) {

@@ -104,6 +104,8 @@ class Parameters {
     int getRttMinCapMs() const { return m_rttMinCapMs.load(); }
     int getGamingPollFreqCnt() const { return m_gamingPollFreqCnt.load(); }
     int getRttServerPort() const { return m_rttServerPort.load(); }
+    // "ipv6_rules": 1 (default) mirrors every rule group in the IPv6 tables.
+    int getIpv6Rules() const { return m_ipv6Rules.load(); }
     void setRttServerPort(int port) { m_rttServerPort.store(port); }
 
     // Failover ("link_events", "stall_poll_ms", "stall_threshold_ms"): link and
@@ -224,6 +226,7 @@ class Parameters {
     std::string m_gamingWhitelist;
     std::string m_rttServer;
     std::atomic<int32_t> m_rttServerPort{443};
+    std::atomic<int32_t> m_ipv6Rules{1};
     std::atomic<int32_t> m_pingPeriodMs{0};
     std::atomic<int32_t> m_rttNoresponseTimeoutMs{0};
     std::atomic<int32_t> m_rttHist{0};

@@ -179,7 +179,7 @@ std::string describeFailure(int status, bool killed) {
 
 }  // namespace
 
-int execnetd(const char* cmd) {
+int execnetd(const char* cmd, CommandOutcome* outcome) {
     if (cmd == nullptr) cmd = "";
     size_t len = strlen(cmd);
     if (len + kStderrSuffix >= kLineSize) {
@@ -249,6 +249,11 @@ int execnetd(const char* cmd) {
         ALOGE("%s command failed (%s): %s", "execnetd", result.c_str(), cmd);
         vord::bump(vord::counters().ruleCommandsFailed);
         vord::recordRuleFailure({cmd, result, vord::escapeForLog(kept, kKeptOutput)});
+    }
+    if (outcome != nullptr) {
+        outcome->started = true;
+        outcome->exitStatus = !killed && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        outcome->firstLine = kept.substr(0, kept.find('\n'));
     }
     return 0;
 }

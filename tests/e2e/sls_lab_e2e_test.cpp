@@ -40,9 +40,9 @@ std::vector<int> probeResults(const std::string& log, const std::string& link) {
 class SlsLabE2E : public LabTest {};
 
 // Selection of the faster link; a switch when it loses its carrier and when it
-// goes silent under the game's traffic, none when only the game's server
-// stalls; then game mode and a voice call, and a shutdown that leaves no rule
-// behind.
+// goes silent under the game's traffic (moving the game's IPv4 and IPv6
+// connections), none when only the game's server stalls; then game mode and a
+// voice call, and a shutdown that leaves no rule behind in either family.
 TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
     // 40 ms and 30 ms round trips; without selection traffic takes rmnet_data0.
     // The probe server answers as a TLS server answers bytes that are not a
@@ -52,7 +52,7 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
     root.writeFile("/proc/sla/config", "");
     ASSERT_NO_FATAL_FAILURE(startDaemon(kConf));
     auto snapshot = [&](status::Snapshot* out) { return status::parse(root.readFile(kSnapshot), out, nullptr); };
-    auto chainsGone = [&] { return mangle().find("vexo_sls_") == std::string::npos; };
+    auto chainsGone = [&] { return (mangle() + mangle(true)).find("vexo_sls_") == std::string::npos; };
     auto probes = [&] { return daemon->countLog("TCPing cacla rtt is "); };
     // True when probing has stopped: no new probe result for a while.
     auto probingStopped = [&] {
@@ -73,26 +73,29 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
         EXPECT_LE(std::abs(got[got.size() / 2] - want), 1 + want / 20.0) << link << ": " << ::testing::PrintToString(got);
     }
     ASSERT_TRUE(daemon->waitForLog("calcInterface SLA_RTT_SELECTED perform switch wlan0 ", 10s)) << daemon->log();
-    EXPECT_NE(mangle().find("-A vexo_SLS -j vexo_sls_uid_wlan0"), std::string::npos) << mangle();
+    for (bool v6 : {false, true}) EXPECT_NE(mangle(v6).find("-A vexo_SLS -j vexo_sls_uid_wlan0"), std::string::npos) << mangle(v6);
 
     status::Snapshot before;
     ASSERT_TRUE(waitFor([&] { return snapshot(&before) && before.current == "wlan0"; }, 5s));
 
-    auto game = lab->startClient(10123);
-    auto other = lab->startClient(10456);
-    EXPECT_EQ("wlan0", LabClient::linkOf(game->waitForLine("connected ", 5s))) << game->output();
-    EXPECT_EQ("rmnet_data0", LabClient::linkOf(other->waitForLine("connected ", 5s))) << other->output();
+    // The game and another app, each over IPv4 and over IPv6.
+    auto game = lab->startClient(10123), game6 = lab->startClient(10123, true);
+    auto other = lab->startClient(10456), other6 = lab->startClient(10456, true);
+    for (LabClient* app : {game.get(), game6.get()})
+        EXPECT_EQ("wlan0", LabClient::linkOf(app->waitForLine("connected ", 5s))) << app->output();
+    for (LabClient* app : {other.get(), other6.get()})
+        EXPECT_EQ("rmnet_data0", LabClient::linkOf(app->waitForLine("connected ", 5s))) << app->output();
 
     ASSERT_TRUE(daemon->waitForLog("probe target 198.18.0.10:8080", 5s)) << daemon->log();
     // The reaction times are the benchmark's business.
     const std::string toCell = "calcInterface SLA_RTT_SELECTED perform switch rmnet_data0 ",
                       toWifi = "calcInterface SLA_RTT_SELECTED perform switch wlan0 ";
-    // Switched away from wlan0 for `reason`, the game's connection destroyed once
+    // Switched away from wlan0 for `reason`, the game's connections destroyed once
     // more and back over rmnet_data0; the other UID's never.
     auto leftWlan0 = [&](const std::string& reason, size_t switched, size_t aborted) {
         ASSERT_TRUE(daemon->waitForLog(toCell, 15s, switched)) << daemon->log();
-        EXPECT_TRUE(waitFor([&] { return mangle().find("-A vexo_SLS -j vexo_sls_uid_rmnet_data0") != std::string::npos; }, 2s))
-            << mangle();
+        EXPECT_TRUE(waitFor([&] { return mangle(true).find("-A vexo_SLS -j vexo_sls_uid_rmnet_data0") != std::string::npos; }, 2s))
+            << mangle(true);
         status::Snapshot after;
         EXPECT_TRUE(waitFor([&] {
             return snapshot(&after) && after.current == "rmnet_data0" && after.lastSwitch.reason == reason &&
@@ -101,29 +104,41 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
                                [](const status::LinkStatus& l) { return l.name == "wlan0" && l.level == 1; });
         }, 3s)) << root.readFile(kSnapshot);
         EXPECT_EQ(after.linkSwitches, before.linkSwitches + 2 * switched - 1);
-        EXPECT_NE("", game->waitForLine("connection aborted: ECONNABORTED", 5s, aborted)) << game->output();
-        EXPECT_EQ("rmnet_data0", LabClient::linkOf(game->waitForLine("reconnected ", 5s, aborted))) << game->output();
-        EXPECT_EQ(aborted, game->linesStartingWith("connection aborted").size()) << game->output();
-        EXPECT_TRUE(other->linesStartingWith("connection").empty()) << other->output();
+        for (LabClient* app : {game.get(), game6.get()}) {
+            EXPECT_NE("", app->waitForLine("connection aborted: ECONNABORTED", 5s, aborted)) << app->output();
+            EXPECT_EQ("rmnet_data0", LabClient::linkOf(app->waitForLine("reconnected ", 5s, aborted))) << app->output();
+            EXPECT_EQ(aborted, app->linesStartingWith("connection aborted").size()) << app->output();
+        }
+        for (LabClient* app : {other.get(), other6.get()}) EXPECT_TRUE(app->linesStartingWith("connection").empty()) << app->output();
     };
     // wlan0 loses its carrier (the radio lost its access point).
     ASSERT_TRUE(lab->setCarrier("wlan0", false));
     ASSERT_NO_FATAL_FAILURE(leftWlan0("carrier-lost", 1, 1));
+    EXPECT_NE(game6->waitForLine("reconnected ", 1s).find(" peer=[fd66:66:2::2]:"), std::string::npos) << game6->output();
     EXPECT_EQ(1u, daemon->countLog("wlan0 lost carrier: link failed")) << daemon->log();
     ASSERT_TRUE(lab->setCarrier("wlan0", true));
     ASSERT_TRUE(daemon->waitForLog(toWifi, 20s, 2)) << daemon->log();  // back through its probes
     // wlan0 goes silent while the game talks: its stall is confirmed by a probe.
-    ASSERT_TRUE(game->waitForLine("reconnected ", 5s, 2) != "");
+    for (LabClient* app : {game.get(), game6.get()}) ASSERT_NE("", app->waitForLine("reconnected ", 5s, 2));
     ASSERT_TRUE(lab->cut("wlan0"));
     ASSERT_NO_FATAL_FAILURE(leftWlan0("stall", 2, 3));
     ASSERT_TRUE(lab->restore("wlan0"));
     ASSERT_TRUE(daemon->waitForLog(toWifi, 20s, 3)) << daemon->log();
     // Only the game's server stalls: the probe server still answers over wlan0.
-    ASSERT_TRUE(game->waitForLine("reconnected ", 5s, 4) != "");
-    ASSERT_EQ("", lab->exec("iptables -I INPUT -d 198.18.0.10 -p tcp --dport 8080 -j DROP", true));
+    for (LabClient* app : {game.get(), game6.get()}) ASSERT_NE("", app->waitForLine("reconnected ", 5s, 4));
+    const std::string serverStall[] = {"iptables %s INPUT -d 198.18.0.10 -p tcp --dport 8080 -j DROP",
+                                       "ip6tables %s INPUT -d 2001:2::10 -p tcp --dport 8080 -j DROP"};
+    auto stallServer = [&](const char* op) {
+        for (const std::string& rule : serverStall) {
+            char cmd[128];
+            snprintf(cmd, sizeof(cmd), rule.c_str(), op);
+            ASSERT_EQ("", lab->exec(cmd, true));
+        }
+    };
+    ASSERT_NO_FATAL_FAILURE(stallServer("-I"));
     EXPECT_TRUE(daemon->waitForLog("wlan0 answers: the game's server stalled, not the link", 10s)) << daemon->log();
     EXPECT_EQ(2u, daemon->countLog(toCell));
-    ASSERT_EQ("", lab->exec("iptables -D INPUT -d 198.18.0.10 -p tcp --dport 8080 -j DROP", true));
+    ASSERT_NO_FATAL_FAILURE(stallServer("-D"));
 
     vordctl("sls-stop");
     EXPECT_TRUE(waitFor(chainsGone, 5s)) << mangle();
@@ -162,8 +177,8 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
     EXPECT_TRUE(daemon->stopThroughProperty()) << daemon->log();
     status::Snapshot last;  // the final snapshot keeps the last switch
     EXPECT_TRUE(snapshot(&last) && last.state == "stopped" && last.lastSwitch.valid) << root.readFile(kSnapshot);
-    EXPECT_EQ("", lab->exec("iptables-save | grep vexo_"));
-    EXPECT_EQ(std::string::npos, lab->exec("ip rule").find("fwmark")) << lab->exec("ip rule");
+    EXPECT_EQ("", lab->exec("iptables-save | grep vexo_") + lab->exec("ip6tables-save | grep vexo_"));
+    for (const char* rules : {"ip rule", "ip -6 rule"}) EXPECT_EQ(std::string::npos, lab->exec(rules).find("fwmark")) << lab->exec(rules);
 }
 
 }  // namespace
