@@ -34,9 +34,14 @@ void LinkStateTracker::report(const std::string& name, bool down, LinkFailCause 
 void LinkStateTracker::evaluate(const Link& link, std::vector<Event>& events) {
     if (!link.known) return;
     LinkFailCause cause = LinkFailCause::None;
+    // The carrier is lost at once (IFF_LOWER_UP), but a link reported down is
+    // back only once the kernel runs it again (IFF_RUNNING, set by its
+    // link-watch work, which also gives the link its queue back): a probe sent
+    // before that would be dropped.
+    const bool waitingToRun = !(link.flags & IFF_RUNNING) && m_downNames.count(link.name) != 0;
     if (!(link.flags & IFF_UP)) {
         cause = LinkFailCause::AdminDown;
-    } else if (!(link.flags & kLowerUp)) {
+    } else if (!(link.flags & kLowerUp) || waitingToRun) {
         cause = LinkFailCause::Carrier;
     } else if (link.hadIpv4 && link.ipv4.empty()) {
         cause = LinkFailCause::AddressLost;

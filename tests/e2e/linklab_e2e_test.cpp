@@ -127,7 +127,10 @@ TEST_F(LinkLabE2E, DelaysRoutesCutsProbeServerModesCarrierAndTeardown) {
     EXPECT_NE(lab->exec("ip link show wlan0").find("NO-CARRIER"), std::string::npos);
     EXPECT_NE(lab->status().find("wlan0 delay=5ms rtt=10ms state=no-carrier"), std::string::npos);
     EXPECT_EQ(rttUs("wlan0", "--exchanges 1 --timeout 300"), -1);
+    // Back: the kernel takes the link up again within its link-watch delay (up
+    // to a second), and then it carries.
     ASSERT_TRUE(lab->setCarrier("wlan0", true));
+    EXPECT_TRUE(waitFor([&] { return lab->exec("ip link show wlan0").find("state UP") != std::string::npos; }, 3s));
     EXPECT_GT(rttUs("wlan0", "--exchanges 1 --timeout 1000"), 0);
     EXPECT_FALSE(lab->setCarrier("wlan9", false));
 

@@ -331,7 +331,7 @@ struct RecordingLinkSink : vord::LinkEventSink {
 };
 
 TEST(LinkEventMonitor, EachCauseDownsOnlyItsLinkOnceAndABounceComesBackOnce) {
-    constexpr uint32_t kNoCarrier = IFF_UP, kUp = IFF_UP | (1u << 16);  // IFF_LOWER_UP
+    constexpr uint32_t kNoCarrier = IFF_UP, kCarrier = IFF_UP | (1u << 16), kUp = kCarrier | IFF_RUNNING;  // LOWER_UP
     auto source = std::make_unique<ScriptedNetlink>();
     auto sink = std::make_unique<RecordingLinkSink>();
     ScriptedNetlink* src = source.get();
@@ -350,6 +350,7 @@ TEST(LinkEventMonitor, EachCauseDownsOnlyItsLinkOnceAndABounceComesBackOnce) {
         {{linkMsg(RTM_NEWLINK, 2, "wlan0", kNoCarrier), linkMsg(RTM_NEWLINK, 2, "wlan0", kNoCarrier),
           linkMsg(RTM_NEWLINK, 2, "wlan0", 0)},
          {"down wlan0 carrier-lost"}},
+        {{linkMsg(RTM_NEWLINK, 2, "wlan0", kCarrier)}, {}},  // not running yet
         {{linkMsg(RTM_NEWLINK, 2, "wlan0", kUp)}, {"up wlan0"}},
         {{linkMsg(RTM_NEWLINK, 3, "rmnet_data0", 0)}, {"down rmnet_data0 admin-down"}},
         {{linkMsg(RTM_NEWLINK, 3, "rmnet_data0", kUp)}, {"up rmnet_data0"}},
