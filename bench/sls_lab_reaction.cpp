@@ -186,6 +186,7 @@ bool startDaemon(const std::string& conf) {
     g_daemon.reset();
     writeFile(g_root + "/properties/vendor.sla.enabled", "1");
     writeFile(g_root + "/vendor/etc/sla/vord.conf", conf);
+    unlink((g_root + "/vord.log").c_str());  // nothing of an earlier daemon is read as this one's
     g_log = std::make_unique<LogTail>(g_root + "/vord.log");
     g_daemon = std::make_unique<Child>(
             std::vector<std::string>{g_linklab, "exec", g_lab, "--", g_bin + "/vord"}, g_root + "/vord.log", g_root);
