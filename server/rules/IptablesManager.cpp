@@ -9,6 +9,7 @@
 
 #include "config/Parameters.h"
 #include "rules/RuleCommand.h"
+#include "rules/StartupSweep.h"
 
 using rules::run;
 
@@ -38,12 +39,14 @@ void IptablesManager::clean_MUX_iptables() {
     delete manager;
 }
 
-// Each base chain is created and then flushed, and each hook deleted before it is
-// added, so a start after a run that left its rules behind (a crash) ends with
-// empty base chains and exactly one hook of each kind. The tools' complaints about
-// existing chains and missing hooks are only logged.
+// Whatever an earlier run left behind is swept first (StartupSweep.h). Each base
+// chain is then created and flushed, and each hook deleted before it is added, so
+// even without the sweep a start ends with empty base chains and exactly one hook
+// of each kind. The tools' complaints about existing chains and missing hooks are
+// only logged.
 IptablesManager::IptablesManager() {
     std::lock_guard<std::mutex> lock(g_iptablesMutex);
+    rules::sweepLeftovers();
     const char* ipt = rules::kIptables;
     run("%s -w -t mangle -N vexo_MUX", ipt);
     run("%s -w -t mangle -F vexo_MUX", ipt);

@@ -55,8 +55,9 @@ void logOutputLine(const std::string& line, const char* cmd) {
 }
 
 // Reads the tool's output until end of file and logs it: one piece per line, or
-// per kOutputPiece characters of a longer line.
-void drainOutput(int fd, const char* cmd) {
+// per kOutputPiece characters of a longer line. With `collected`, keeps it there
+// instead.
+void drainOutput(int fd, const char* cmd, std::string* collected) {
     std::string piece;
     char buf[512];
     for (;;) {
@@ -66,6 +67,10 @@ void drainOutput(int fd, const char* cmd) {
             break;
         }
         if (n == 0) break;
+        if (collected != nullptr) {
+            collected->append(buf, static_cast<size_t>(n));
+            continue;
+        }
         for (ssize_t i = 0; i < n; ++i) {
             piece.push_back(buf[i]);
             if (buf[i] == '\n' || piece.size() == kOutputPiece) {
@@ -79,7 +84,7 @@ void drainOutput(int fd, const char* cmd) {
 
 }  // namespace
 
-int execnetd(const char* cmd) {
+int execnetd(const char* cmd, std::string* output) {
     if (cmd == nullptr) cmd = "";
     size_t len = strlen(cmd);
     if (len + kStderrSuffix >= kLineSize) {
@@ -136,7 +141,7 @@ int execnetd(const char* cmd) {
     }
     vord::bump(vord::counters().ruleCommandsRun);
     ALOGI("SEND SLA NDC COMMAND - PASS  %s\n", cmd);
-    drainOutput(fds[0], cmd);
+    drainOutput(fds[0], cmd, output);
     close(fds[0]);
     while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }

@@ -53,11 +53,13 @@ class Spawned {
     Spawned(const Spawned&) = delete;
     // Sends `sig` and reaps the child; its wait status (-1 when already reaped).
     int stop(int sig);
-    bool alive();
+    bool alive();  // reaps the child once it has ended
     pid_t pid() const { return pid_; }
+    int status() const { return status_; }  // once reaped; -1 before
 
   private:
     pid_t pid_ = -1;
+    int status_ = -1;
 };
 
 // Writes `rates` to "/sim/rates" and runs sla_stats_sim on it for `root`, its
@@ -83,6 +85,9 @@ class DaemonProcess {
     void kill() {
         if (proc_) proc_->stop(SIGKILL);
     }
+    // Sends `sig` and waits for the daemon to end: its wait status, or -1 (and a
+    // SIGKILL) when it is still running after `timeout`.
+    int signal(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
     std::string log() const { return root_.readFile("/vord.log"); }
     size_t countLog(const std::string& needle) const { return countOf(log(), needle); }
