@@ -1,8 +1,15 @@
 // The rule tree in a real (namespaced) network stack, driven through the daemon:
 // the base tree, a second daemon after a killed one, the whitelist entry chain,
-// the per-interface rules as interfaces come and go, and nothing left after stop.
+// the per-interface rules as interfaces come and go, and nothing left after stop;
+// then signals and crashes in the middle of an add, a switch and a probe.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -32,6 +39,8 @@ class RulesE2E : public LabTest {
         return !linesAfter("iptables-save -t mangle", ":" + chain + " ").empty();
     }
     Strings fwmarkRules() const { return linesAfter("ip rule show", "14999:\tfrom all "); }
+    // Every vord chain, rule and policy rule in the kernel.
+    std::string leftovers() const { return lab->exec("iptables-save | grep vexo_; ip rule show | grep ^14999:"); }
 
     void expectBaseTree() const {
         EXPECT_EQ(rules("mangle", "vexo_MUX"),
@@ -105,6 +114,88 @@ TEST_F(RulesE2E, BaseTreeWhitelistAndInterfaceRulesComeAndGo) {
     ASSERT_TRUE(daemon->stopThroughProperty()) << daemon->log();
     EXPECT_EQ(lab->exec("iptables-save | grep vexo_"), "");
     EXPECT_EQ(fwmarkRules(), Strings{});
+}
+
+// Each run starts a daemon (which sweeps what the run before left), gives it
+// links, holds it in the middle of an interface add, a switch or a probe, and
+// ends it there: SIGTERM and SIGINT leave no rule and exit 0; after a SIGKILL the
+// next run, given fewer links, has exactly its own rules and no duplicate, and
+// its own ending leaves nothing.
+TEST_F(RulesE2E, SignalsAndCrashesInAnAddASwitchAndAProbe) {
+    using namespace std::chrono_literals;
+    ASSERT_NO_FATAL_FAILURE(buildLab({{"wlan0", 5}, {"wlan1", 5}, {"rmnet_data0", 5}}));
+    ASSERT_TRUE(lab->setProbeEcho(true));
+    for (const char* name : {"wlan0", "wlan1", "rmnet_data0"}) {
+        root.writeFile(std::string("/proc/sla/") + name + "_mmap", std::string(20480, '\0'));
+    }
+    // The iptables stand-in stops before a command holding the text of
+    // "/pause-at" (its pid in "/paused") until that file is removed.
+    const std::string pauseAt = root.at("/pause-at"), paused = root.at("/paused");
+    root.writeFile("/system/bin/iptables-wrapper-1.0",
+                   "#!/bin/sh\npat=$(cat " + pauseAt + " 2>/dev/null)\ncase \"$pat|$*\" in ?*\"|\"*\"$pat\"*)\n"
+                   "  echo $$ > " + paused + "; while [ -e " + pauseAt + " ]; do sleep 0.02; done;;\nesac\n"
+                   "exec ip netns exec " + lab->name() + " iptables \"$@\"\n", 0755);
+    const std::string conf = "mini_est_interval=100\nping_interval_ms=200\nmin_ping_times=2\nt_hyst_s=0\n";
+    struct Run {
+        const char* point;
+        int sig;
+        const char* links;
+    };
+    const Run runs[] = {{"add", SIGTERM, "wlan0,wlan1,rmnet_data0"}, {"add", SIGKILL, "wlan0,wlan1,rmnet_data0"},
+                        {"add", SIGINT, "wlan0,wlan1"},       {"switch", SIGTERM, "wlan0,wlan1"},
+                        {"switch", SIGKILL, "wlan0,wlan1,rmnet_data0"}, {"switch", SIGINT, "wlan0"},
+                        {"probe", SIGTERM, "wlan0,wlan1"},    {"probe", SIGKILL, "wlan0,wlan1,rmnet_data0"},
+                        {"probe", SIGINT, "wlan0,wlan1"}};
+    for (const Run& run : runs) {
+        SCOPED_TRACE(std::string(run.point) + " " + strsignal(run.sig) + " " + run.links);
+        const std::string point = run.point;
+        if (point == "probe") {
+            ASSERT_TRUE(lab->setDelay("wlan0", 30) && lab->setDelay("wlan1", 30));
+        }
+        unlink(paused.c_str());
+        if (point != "probe") root.writeFile("/pause-at", point == "add" ? "-N vexo_fw_wlan1" : "-A vexo_SLS ");
+        ASSERT_NO_FATAL_FAILURE(startDaemon(conf));
+        const size_t probes = countOf(lab->connectionLog(), "echo accept");
+        vordctl(std::string("ifaces ") + run.links);
+        if (point != "add") {
+            const std::string links = run.links, last = links.substr(links.rfind(',') + 1);
+            ASSERT_TRUE(daemon->waitForLog("preinterfacelist is " + last)) << daemon->log();
+            vordctl("sls-start 10123");
+        }
+        if (point == "probe") {
+            EXPECT_TRUE(waitFor([&] { return countOf(lab->connectionLog(), "echo accept") > probes; }, 5s));
+        } else {
+            ASSERT_TRUE(waitFor([&] { return !readWholeFile(paused).empty(); }, 20s)) << daemon->log();
+        }
+        // What a crash or the run before left is gone, and nothing is doubled.
+        const std::string listed = std::string(",") + run.links + ",";
+        for (std::string c : linesAfter("iptables-save -t mangle", ":vexo_fw_")) {
+            c = c.substr(0, c.find(' '));
+            if (c.size() > 8 && c.compare(c.size() - 8, 8, "_wrapper") == 0) c.resize(c.size() - 8);
+            EXPECT_NE(listed.find("," + c + ","), std::string::npos) << c;
+        }
+        for (const std::string& r : fwmarkRules()) {
+            EXPECT_NE(listed.find("," + r.substr(r.rfind(' ') + 1) + ","), std::string::npos) << r;
+        }
+        std::multiset<std::string> lines;
+        std::istringstream in(lab->exec("iptables-save; ip rule show"));
+        for (std::string l; std::getline(in, l);) {
+            if (l.find("vexo_") != std::string::npos || l.compare(0, 6, "14999:") == 0) lines.insert(l);
+        }
+        for (const std::string& l : lines) EXPECT_EQ(lines.count(l), 1u) << l;
+
+        ASSERT_EQ(kill(daemon->pid(), run.sig), 0);
+        if (run.sig == SIGKILL) {
+            const pid_t tool = std::atoi(readWholeFile(paused).c_str());
+            if (tool > 0) kill(tool, SIGKILL);  // the tool dies with it
+            daemon->kill();
+            unlink(pauseAt.c_str());
+            continue;
+        }
+        unlink(pauseAt.c_str());  // the held command goes on, then the teardown
+        EXPECT_EQ(daemon->waitExit(), 0) << daemon->log();
+        EXPECT_EQ(leftovers(), "");
+    }
 }
 
 }  // namespace

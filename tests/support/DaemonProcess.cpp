@@ -145,8 +145,8 @@ void DaemonProcess::start() {
     proc_ = std::make_unique<Spawned>(args, root_.at("/vord.log"), root_.path());
 }
 
-int DaemonProcess::signal(int sig, std::chrono::milliseconds timeout) {
-    if (!proc_ || ::kill(proc_->pid(), sig) != 0) return -1;
+int DaemonProcess::waitExit(std::chrono::milliseconds timeout) {
+    if (!proc_) return -1;
     if (waitFor([this] { return !proc_->alive(); }, timeout)) return proc_->status();
     proc_->stop(SIGKILL);
     return -1;

@@ -85,9 +85,12 @@ class DaemonProcess {
     void kill() {
         if (proc_) proc_->stop(SIGKILL);
     }
-    // Sends `sig` and waits for the daemon to end: its wait status, or -1 (and a
-    // SIGKILL) when it is still running after `timeout`.
-    int signal(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    // Waits for the daemon to end: its wait status, or -1 (and a SIGKILL) when it
+    // still runs after `timeout`. signal() sends `sig` first.
+    int waitExit(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    int signal(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+        return proc_ && ::kill(proc_->pid(), sig) == 0 ? waitExit(timeout) : -1;
+    }
 
     std::string log() const { return root_.readFile("/vord.log"); }
     size_t countLog(const std::string& needle) const { return countOf(log(), needle); }
