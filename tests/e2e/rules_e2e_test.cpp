@@ -134,7 +134,7 @@ TEST_F(RulesE2E, SignalsAndCrashesInAnAddASwitchAndAProbe) {
     root.writeFile("/system/bin/iptables-wrapper-1.0",
                    "#!/bin/sh\npat=$(cat " + pauseAt + " 2>/dev/null)\ncase \"$pat|$*\" in ?*\"|\"*\"$pat\"*)\n"
                    "  echo $$ > " + paused + "; while [ -e " + pauseAt + " ]; do sleep 0.02; done;;\nesac\n"
-                   "exec ip netns exec " + lab->name() + " iptables \"$@\"\n", 0755);
+                   "exec iptables \"$@\"\n", 0755);
     const std::string conf = "mini_est_interval=100\nping_interval_ms=200\nmin_ping_times=2\nt_hyst_s=0\n";
     struct Run {
         const char* point;

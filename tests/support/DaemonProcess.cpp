@@ -141,7 +141,7 @@ DaemonProcess::~DaemonProcess() {
 
 void DaemonProcess::start() {
     std::vector<std::string> args = prefix_;
-    args.push_back(binPath("vord"));
+    args.push_back(program_);
     proc_ = std::make_unique<Spawned>(args, root_.at("/vord.log"), root_.path());
 }
 

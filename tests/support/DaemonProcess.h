@@ -78,6 +78,8 @@ class DaemonProcess {
     // {"vord-linklab", "exec", NAME, "--"}; each must exec what follows it, so
     // the process stays the daemon's.
     void setCommandPrefix(std::vector<std::string> prefix) { prefix_ = std::move(prefix); }
+    // The daemon binary to run; build/bin/vord by default.
+    void setProgram(std::string path) { program_ = std::move(path); }
     // Starts vord with VORD_ROOT set; stdout and stderr go to "<root>/vord.log".
     void start();
     bool alive() { return proc_ && proc_->alive(); }
@@ -109,6 +111,7 @@ class DaemonProcess {
   private:
     const TempRoot& root_;
     std::vector<std::string> prefix_;
+    std::string program_ = binPath("vord");
     std::unique_ptr<Spawned> proc_;
 };
 
