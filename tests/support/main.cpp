@@ -18,16 +18,12 @@ namespace {
 // libbase too (which would write them to stderr).
 void logToPlatformLog(android::base::LogId, android::base::LogSeverity severity, const char* tag,
                       const char* file, unsigned int line, const char* message) {
-    using namespace android::base;
-    const int prio = severity == VERBOSE ? ANDROID_LOG_VERBOSE
-                   : severity == DEBUG   ? ANDROID_LOG_DEBUG
-                   : severity == INFO    ? ANDROID_LOG_INFO
-                   : severity == WARNING ? ANDROID_LOG_WARN
-                   : severity == ERROR   ? ANDROID_LOG_ERROR
-                                         : ANDROID_LOG_FATAL;
+    // VERBOSE, DEBUG, INFO, WARNING, ERROR, FATAL_WITHOUT_ABORT, FATAL
+    const int prio[] = {ANDROID_LOG_VERBOSE, ANDROID_LOG_DEBUG, ANDROID_LOG_INFO, ANDROID_LOG_WARN,
+                        ANDROID_LOG_ERROR, ANDROID_LOG_FATAL, ANDROID_LOG_FATAL};
     const char* base = strrchr(file, '/');
     const std::string text = std::string(base ? base + 1 : file) + ":" + std::to_string(line) + "] " + message;
-    __android_log_write(prio, tag ? tag : "vord", text.c_str());
+    __android_log_write(prio[severity], tag ? tag : "vord", text.c_str());
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <string>
 #include <thread>
 
 #include <vord/RootPath.h>
@@ -36,35 +35,31 @@ TEST(ControlServer, StopEndsTheThreadWhileCreatingOrAccepting) {
 // it each time round and never replaces the file; a descriptor bound elsewhere is
 // not taken.
 TEST(ControlServer, ListensOnTheSocketInitHandsOver) {
-    const std::string file = vord::resolvePath("/dev/socket/vord");
-    unlink(file.c_str());
-    int initFd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", file.c_str());
+    sockaddr_un addr{AF_UNIX, {}};
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", vord::resolvePath("/dev/socket/vord").c_str());
+    unlink(addr.sun_path);
+    const int initFd = socket(AF_UNIX, SOCK_STREAM, 0);
     ASSERT_EQ(bind(initFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-    struct stat before {};
-    ASSERT_EQ(stat(file.c_str(), &before), 0);
+    auto inode = [&] {
+        struct stat st {};
+        return stat(addr.sun_path, &st) == 0 ? st.st_ino : 0;
+    };
+    const ino_t before = inode();
     setenv("ANDROID_SOCKET_vord", std::to_string(initFd).c_str(), 1);
     for (int round = 0; round < 2; ++round) {
-        const int fd = createSocket("/dev/socket/vord");
-        ASSERT_GE(fd, 0);
-        EXPECT_NE(fd, initFd);
-        ASSERT_EQ(listen(fd, 2), 0);
-        const int client = socket(AF_UNIX, SOCK_STREAM, 0);
+        const int fd = createSocket("/dev/socket/vord"), client = socket(AF_UNIX, SOCK_STREAM, 0);
+        EXPECT_TRUE(fd >= 0 && fd != initFd && listen(fd, 2) == 0);
         EXPECT_EQ(connect(client, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
         close(client);
-        close(fd);  // the restart point's close leaves init's socket open
+        close(fd);  // as the restart point does: init's socket stays open
     }
-    struct stat after {};
-    EXPECT_TRUE(stat(file.c_str(), &after) == 0 && after.st_ino == before.st_ino);
+    EXPECT_EQ(inode(), before);
     setenv("ANDROID_SOCKET_vord", "0", 1);  // stdin: not that socket
     const int own = createSocket("/dev/socket/vord");
-    EXPECT_TRUE(own >= 0 && stat(file.c_str(), &after) == 0 && after.st_ino != before.st_ino);
+    EXPECT_TRUE(own >= 0 && inode() != before);
+    unsetenv("ANDROID_SOCKET_vord");
     close(own);
     close(initFd);
-    unsetenv("ANDROID_SOCKET_vord");
-    unlink(file.c_str());
 }
 
 }  // namespace
