@@ -12,9 +12,11 @@
 set -euo pipefail
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 . "$top/scripts/deps.sh"
-ensure_deps blueprint-tools android-liblog-dev android-libbase-dev android-libcutils-dev \
+ensure_deps blueprint-tools clang android-liblog-dev android-libbase-dev android-libcutils-dev \
     android-libutils-dev
 cd "$top"
+# The platform builds with clang; so does this check.
+export CXX=clang++
 
 echo "== Android.bp: bpfmt"
 unformatted=$(bpfmt -l Android.bp)
@@ -81,7 +83,7 @@ compile_module() {
     # Objects are per module: cflags differ between modules.
     printf '%s\n' "$sources" | xargs -P "$(nproc)" -I{} sh -c '
         src=$1; o="$0/$src.o"; shift; mkdir -p "$(dirname "$o")"
-        exec g++ "$@" -c "$src" -o "$o"' "$out/obj/$name" {} "${flags[@]}" >&2
+        exec "$CXX" "$@" -c "$src" -o "$o"' "$out/obj/$name" {} "${flags[@]}" >&2
     printf '%s\n' "$sources" | sed "s|^|$out/obj/$name/|; s|\$|.o|"
 }
 
@@ -95,7 +97,7 @@ link_module() {  # NAME OBJECTS_FILE EXTRA_LIBS...
         esac
     done
     # shellcheck disable=SC2046
-    g++ -o "$out/$name" $(cat "$objects") "${libs[@]}" "$@" -Wl,-rpath,"$libdir" -pthread
+    "$CXX" -o "$out/$name" $(cat "$objects") "${libs[@]}" "$@" -Wl,-rpath,"$libdir" -pthread
 }
 
 echo "== Android.bp modules against Debian's platform libraries"
