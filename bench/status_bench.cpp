@@ -20,9 +20,9 @@
 #include <vord/RootPath.h>
 
 #include "config/Parameters.h"
+#include "counters/Counters.h"
 #include "sla/SlaStatsBlock.h"
 #include "sla/SlaStatsImpl.h"
-#include "status/Counters.h"
 #include "status/StatusCollector.h"
 #include "status/StatusWriter.h"
 

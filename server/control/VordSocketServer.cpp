@@ -46,9 +46,9 @@
 #include "control/InterfaceCommands.h"
 #include "control/SignalHandler.h"
 #include "control/WhitelistCommands.h"
+#include "counters/Counters.h"
 #include "monitors/DoubleWifiMonitor.h"
 #include "rules/IptablesManager.h"
-#include "status/Counters.h"
 
 namespace {
 

@@ -24,7 +24,7 @@
 
 #include <vord/RootPath.h>
 
-#include "status/Counters.h"
+#include "counters/Counters.h"
 
 extern char** environ;
 

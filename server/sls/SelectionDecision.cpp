@@ -11,11 +11,11 @@
 #include <string.h>
 
 #include "config/Parameters.h"
+#include "counters/Counters.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
 #include "sls/SmartLinkSelection.h"
 #include "sockdiag/SockDiag.h"
-#include "status/Counters.h"
 
 namespace {
 

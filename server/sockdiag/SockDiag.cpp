@@ -16,7 +16,7 @@
 
 #include <log/log.h>
 
-#include "status/Counters.h"
+#include "counters/Counters.h"
 
 namespace android {
 namespace net {

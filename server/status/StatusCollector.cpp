@@ -7,8 +7,8 @@
 #include <mutex>
 
 #include "config/Parameters.h"
+#include "counters/Counters.h"
 #include "sla/SlaStatsImpl.h"
-#include "status/Counters.h"
 #include "status/SelectionState.h"
 
 namespace vord {

@@ -6,9 +6,9 @@
 #include <arpa/inet.h>
 
 #include "FakeDiagKernel.h"
+#include "counters/Counters.h"
 #include "sockdiag/GamingUidSockets.h"
 #include "sockdiag/SockDiag.h"
-#include "status/Counters.h"
 
 using android::net::SockDiag;
 using android::net::tcp_info_ext;
