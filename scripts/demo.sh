@@ -30,9 +30,14 @@ top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 ensure_deps
 
 build=${BUILD_DIR:-$top/build}
+echo "building vord and its tools in $build (a fresh clone takes a minute or two)..."
 cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-# Only what the demo runs (scripts/test.sh builds the tests).
-cmake --build "$build" -j"$(nproc)" --target vord vordctl setprop getprop sla_stats_sim vord-linklab >/dev/null
+# Only what the demo runs (scripts/test.sh builds the tests). Progress: a line per
+# ten files compiled and per program built; compiler messages as they come.
+cmake --build "$build" -j"$(nproc)" --target vord vordctl setprop getprop sla_stats_sim vord-linklab |
+    awk '/Building CXX object/ { if (++n % 10 == 0) { printf "  %d files compiled\n", n; fflush() } }
+         /Built target/ { t = $NF; if (!seen[t]++) { printf "  built %s\n", t; fflush() } }'
+echo "built"
 bin="$build/bin"
 
 sandbox="$top/sandbox"
@@ -161,7 +166,9 @@ wait_for "$sandbox/vord.log" "Updated Ratio" 30
 sleep 2
 echo "-- what the kernel module was told (simulator's view):"
 grep -E 'iface=|enable=' "$sandbox/sim.log" | tail -n 4
-echo "-- the shares computed (Wi-Fi 1000/1600 = 0.625, cellular the rest):"
+echo "-- the shares computed (Wi-Fi 1000/1600 = 0.625, cellular the rest), as rule probabilities:"
+echo "   the rules form a cascade: wlan0's rule takes 0.625 of new connections, and"
+echo "   rmnet_data0's rule, tried only by the 0.375 left over, takes all of them (1.000000)"
 grep -E 'Updated Ratio' "$sandbox/vord.log" | tail -n 2
 show_sla_rules
 if [ -n "$ns" ]; then

@@ -13,6 +13,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <vord/RootPath.h>
@@ -30,6 +31,35 @@ const char* const kOperKeys[] = {
     "mini_stale_interval", "ideal_est_window", "mini_rate_window",      "CellularSockAssignRate",
     "SockActiveTime",   "SockStaleTime",      "update_pm_freq",
 };
+
+// Periods whose value decides how long something sleeps or runs. A value outside
+// its range (a negative period read as an unsigned one, or one of weeks) would
+// stall the daemon while it still looks alive: it is refused with a warning and
+// the value in force is kept.
+struct PeriodRange {
+    const char* key;
+    int min;
+    int max;
+    const char* unit;
+};
+const PeriodRange kPeriodRanges[] = {
+    {"mini_est_interval", 0, 60000, "ms"},
+    {"ping_interval_ms", 0, 60000, "ms"},
+    {"t_hyst_s", 0, 3600, "s"},
+    {"rule_command_timeout_s", 1, 3600, "s"},
+};
+
+// False, with a warning, when `key` is a period and `value` is outside its range.
+bool periodInRange(const std::string& key, int value) {
+    for (const PeriodRange& r : kPeriodRanges) {
+        if (key != r.key) continue;
+        if (value >= r.min && value <= r.max) return true;
+        ALOGW("%s=%d is outside %d..%d %s: refused, the value in force is kept", r.key, value,
+              r.min, r.max, r.unit);
+        return false;
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -122,6 +152,7 @@ void Parameters::init() {
     m_numInterfaces = 0;
     m_rttEntryThreshold = 70;
     m_rttExitThreshold = 120;
+    m_ruleCommandTimeoutS = 30;
     m_wifiDominantCap = 85;
     m_wifiDominantTrigger = 90;
     m_maxEstimateBytes = 102400;
@@ -145,36 +176,52 @@ std::string& Parameters::trim(std::string& s) {
 }
 
 void Parameters::readVordConfFile(const char* path) {
-    // Read whole before anything is applied: a path that opens but cannot be
-    // read (a directory, an I/O error) is a failed read, not an empty file.
-    std::string content;
-    int fd = open(vord::resolvePath(path).c_str(), O_RDONLY | O_CLOEXEC);
-    bool ok = fd >= 0;
-    while (ok) {
+    // Only a regular file of at most kMaxConfFileSize bytes is read, opened
+    // without blocking (a FIFO in its place must not hold the start), line by
+    // line. A path that opens but cannot be read whole (a directory, an I/O error)
+    // is a failed read, not an empty file. The lines apply once the file is read.
+    const std::string file = vord::resolvePath(path);
+    std::string why;
+    std::vector<std::string> lines;
+    int fd = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat st;
+    if (fd < 0) {
+        why = strerror(errno);
+    } else if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        why = "not a regular file";
+    } else {
+        std::string pending;
+        size_t total = 0;
         char buf[4096];
-        ssize_t n = read(fd, buf, sizeof(buf));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            ok = n == 0;
-            break;
+        for (;;) {
+            ssize_t n = read(fd, buf, sizeof(buf));
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) {
+                why = strerror(errno);
+                break;
+            }
+            total += static_cast<size_t>(n);
+            if (total > kMaxConfFileSize) {
+                why = "larger than " + std::to_string(kMaxConfFileSize) + " bytes";
+                break;
+            }
+            if (n == 0 && !pending.empty()) pending.push_back('\n');  // the last line needs no line feed
+            pending.append(buf, static_cast<size_t>(n));
+            size_t start = 0;
+            for (size_t end; (end = pending.find('\n', start)) != std::string::npos; start = end + 1) {
+                std::string line = pending.substr(start, end - start);
+                trim(line);
+                if (!line.empty() && line[0] != '#') lines.push_back(line);
+            }
+            pending.erase(0, start);
+            if (n == 0) break;
         }
-        content.append(buf, static_cast<size_t>(n));
     }
     if (fd >= 0) close(fd);
-    if (!ok) {
+    if (!why.empty()) {
         ALOGE("read vord conf file failed!");
+        if (fd >= 0) ALOGW("%s: %s; the built-in values stay in force", path, why.c_str());
         return;
-    }
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < content.size()) {
-        size_t end = content.find('\n', start);
-        if (end == std::string::npos) end = content.size();
-        std::string line = content.substr(start, end - start);
-        start = end + 1;
-        trim(line);
-        if (line.empty() || line[0] == '#') continue;
-        lines.push_back(line);
     }
     fromVector(lines);
 }
@@ -196,7 +243,8 @@ bool Parameters::setValue(const char* key, const char* value) {
     const std::string k(key);
     for (int i = 0; i <= update_pm_freq; ++i) {
         if (k == kOperKeys[i]) {
-            m_operValues[i] = atoi(value);
+            const int v = atoi(value);
+            if (periodInRange(k, v)) m_operValues[i] = v;
             return true;
         }
     }
@@ -228,6 +276,7 @@ bool Parameters::setValue(const char* key, const char* value) {
         {"num_interfaces", &m_numInterfaces},
         {"rtt_entry_threshold", &m_rttEntryThreshold},
         {"rtt_exit_threshold", &m_rttExitThreshold},
+        {"rule_command_timeout_s", &m_ruleCommandTimeoutS},
     };
     for (const IntKey& ik : intKeys) {
         if (k == ik.name) {
@@ -239,7 +288,7 @@ bool Parameters::setValue(const char* key, const char* value) {
                       kMaxBestEstCacheSize, kMaxBestEstCacheSize);
                 v = kMaxBestEstCacheSize;
             }
-            ik.member->store(v);
+            if (periodInRange(k, v)) ik.member->store(v);
             return true;
         }
     }

@@ -9,6 +9,7 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -43,6 +44,8 @@ class Parameters {
     static constexpr int kMaxInterfaceParams = 4;
     // Largest "best_est_cache_size" taken; larger values are clamped to it.
     static constexpr int kMaxBestEstCacheSize = 3600;
+    // Largest configuration file read; a larger one is a failed read.
+    static constexpr size_t kMaxConfFileSize = 64 * 1024;
 
     // The process-wide store, created (and vord.conf read) on first use.
     static Parameters* instance();
@@ -77,6 +80,7 @@ class Parameters {
     void setWifiDominantTrigger(uint32_t v) { m_wifiDominantTrigger.store(v); }
     int getRttEntryThreshold() const { return m_rttEntryThreshold.load(); }
     int getRttExitThreshold() const { return m_rttExitThreshold.load(); }
+    int getRuleCommandTimeoutS() const { return m_ruleCommandTimeoutS.load(); }
     int getNumInterfaces() const { return m_numInterfaces.load(); }
 
     // Link-selection tuning ("ping_period_ms" .. "gaming_poll_freq_cnt").
@@ -177,9 +181,11 @@ class Parameters {
 
   private:
     std::string getMeteredInterfaceSlaveStatus();
-    void parseList(const std::string& source, std::vector<std::string>& target, size_t limit,
-                   bool needDecimal, bool needAddress, const char* entryMsg, const char* errMsg,
-                   const char* funcName);
+    // Rebuilds `target` from the entries of `source` that `refusal` finds no
+    // reason to refuse; each refused one is logged after `funcName`.
+    void parseList(const std::string& source, std::vector<std::string>& target,
+                   const std::function<std::string(const std::string&)>& refusal,
+                   const char* entryMsg, const char* funcName);
 
     // Guards every string and list member below against concurrent replacement.
     mutable std::mutex m_listMutex;
@@ -233,6 +239,7 @@ class Parameters {
     std::atomic<int32_t> m_numInterfaces{0};
     std::atomic<int32_t> m_rttEntryThreshold{70};
     std::atomic<int32_t> m_rttExitThreshold{120};
+    std::atomic<int32_t> m_ruleCommandTimeoutS{30};  // "rule_command_timeout_s"
     std::atomic<uint32_t> m_wifiDominantCap{85};
     std::atomic<uint32_t> m_wifiDominantTrigger{90};
     std::atomic<uint32_t> m_maxEstimateBytes{102400};

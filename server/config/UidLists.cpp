@@ -6,15 +6,17 @@
 
 #include <log/log.h>
 
-#include "config/LogText.h"
+#include "config/Refusals.h"
 #include "config/TextList.h"
-#include "config/Tokens.h"
+#include "counters/Refusal.h"
 
 namespace {
 
-constexpr size_t kUidLimit = 5;
-constexpr size_t kGatewayLimit = 16;
-constexpr size_t kNoLimit = static_cast<size_t>(-1);
+std::string whitelistEntryRefusal(const std::string& entry) {
+    return vord::uidEntryRefusal(entry, vord::kWhitelistEntryLimit);
+}
+
+std::string gamingEntryRefusal(const std::string& entry) { return vord::uidEntryRefusal(entry, 0); }
 
 }  // namespace
 
@@ -69,32 +71,13 @@ std::string Parameters::getDDUidWhitelistText() const {
 }
 
 void Parameters::parseList(const std::string& source, std::vector<std::string>& target,
-                           size_t limit, bool needDecimal, bool needAddress,
-                           const char* entryMsg, const char* errMsg, const char* funcName) {
+                           const std::function<std::string(const std::string&)>& refusal,
+                           const char* entryMsg, const char* funcName) {
     std::vector<std::string> parsed;
     for (const std::string& entry : vord::splitCommaList(source)) {
-        if (limit != kNoLimit && entry.size() > limit) {
-            ALOGE(errMsg, static_cast<unsigned long>(entry.size()));
-            continue;
-        }
         // Entries end up as arguments of rule commands: only decimal UIDs and
         // address literals get through.
-        if (needDecimal && !vord::isDecimalUid(entry)) {
-            ALOGE("%s refused entry \"%s\": not a decimal UID", funcName,
-                  vord::escapeForLog(entry, 64).c_str());
-            continue;
-        }
-        // Root's traffic, the daemon's own probes included, is never steered.
-        if (needDecimal && vord::isRootUid(entry)) {
-            ALOGE("%s refused entry \"%s\": UID 0 (root) is never steered", funcName,
-                  entry.c_str());
-            continue;
-        }
-        if (needAddress && !vord::isIpAddressLiteral(entry)) {
-            ALOGE("%s refused entry \"%s\": not an IP address", funcName,
-                  vord::escapeForLog(entry, 64).c_str());
-            continue;
-        }
+        if (VORD_REFUSED(funcName, refusal(entry))) continue;
         parsed.push_back(entry);
     }
     {
@@ -105,26 +88,23 @@ void Parameters::parseList(const std::string& source, std::vector<std::string>& 
 }
 
 void Parameters::populateSlauidwhitelist() {
-    parseList(getUidWhitelistText(), m_slaUidWhitelist, kUidLimit, true, false,
-              "SLA UID whitelist = %s", "populateSlauidwhitelist token length error is %lu",
-              "populateSlauidwhitelist");
+    parseList(getUidWhitelistText(), m_slaUidWhitelist, whitelistEntryRefusal,
+              "SLA UID whitelist = %s", "populateSlauidwhitelist");
 }
 
 void Parameters::populateDWUidWhitelist() {
-    parseList(getDWUidWhitelistText(), m_dwUidWhitelist, kUidLimit, true, false,
-              "SLA Double Wlan UID whitelist = %s",
-              "populateDWUidWhitelist token length error is %lu", "populateDWUidWhitelist");
+    parseList(getDWUidWhitelistText(), m_dwUidWhitelist, whitelistEntryRefusal,
+              "SLA Double Wlan UID whitelist = %s", "populateDWUidWhitelist");
 }
 
 void Parameters::populateDDUidWhitelist() {
-    parseList(getDDUidWhitelistText(), m_ddUidWhitelist, kUidLimit, true, false,
-              "SLA Double Data UID whitelist = %s",
-              "populateDDUidWhitelist token length error is %lu", "populateDDUidWhitelist");
+    parseList(getDDUidWhitelistText(), m_ddUidWhitelist, whitelistEntryRefusal,
+              "SLA Double Data UID whitelist = %s", "populateDDUidWhitelist");
 }
 
 void Parameters::populateGamingUids() {
-    parseList(getGamingUids(), m_gamingUids, kNoLimit, true, false, "SLS GAMING Demo UID = %s",
-              "", "populateGamingUids");
+    parseList(getGamingUids(), m_gamingUids, gamingEntryRefusal, "SLS GAMING Demo UID = %s",
+              "populateGamingUids");
 }
 
 void Parameters::populateWifiGateway(const char* text) {
@@ -133,8 +113,8 @@ void Parameters::populateWifiGateway(const char* text) {
         m_wifiGateways.clear();
         return;
     }
-    parseList(text, m_wifiGateways, kGatewayLimit, false, true, "populateWifiGateway = %s",
-              "populateWifiGateway token length error is %lu", "populateWifiGateway");
+    parseList(text, m_wifiGateways, vord::gatewayEntryRefusal, "populateWifiGateway = %s",
+              "populateWifiGateway");
 }
 
 #define VORD_LIST_SNAPSHOT(fn, member)                 \

@@ -12,15 +12,16 @@
 
 #include <log/log.h>
 
-#include <ctype.h>
-#include <errno.h>
 #include <stdint.h>
 #include <stdlib.h>
 
 #include <mutex>
 
+#include "config/LogText.h"
 #include "config/Parameters.h"
+#include "config/Refusals.h"
 #include "control/ControlState.h"
+#include "counters/Refusal.h"
 #include "monitors/RssiStateMonitor.h"
 #include "monitors/SlaTcpSocketMonitor.h"
 #include "rules/IptablesManager.h"
@@ -72,22 +73,6 @@ void stopProbes() {
     sls->destoryPingThreads();
 }
 
-// Decimal text with optional leading blanks and sign, stopping at the first
-// non-digit; false when there is no digit or the value is outside 32 bits.
-bool parseRtt(const char* text, int32_t& value) {
-    if (text == nullptr) return false;
-    const char* p = text;
-    while (isspace(static_cast<unsigned char>(*p))) ++p;
-    if (*p == '+' || *p == '-') ++p;
-    if (!isdigit(static_cast<unsigned char>(*p))) return false;
-    errno = 0;
-    char* end = nullptr;
-    long long v = strtoll(text, &end, 10);
-    if (errno == ERANGE || v < INT32_MIN || v > INT32_MAX) return false;
-    value = static_cast<int32_t>(v);
-    return true;
-}
-
 }  // namespace
 
 void StartSlsServer(const char* uids) {
@@ -121,6 +106,8 @@ void StopSlsServer() {
 void setVoipStatus(const char* text) {
     Parameters* params = controlParameters();
     if (params == nullptr || text == nullptr) return;
+    // The text goes into the kernel module's configuration as it is.
+    if (VORD_REFUSED("setVoipStatus", vord::voipRefusal(text))) return;
     const int n = atoi(text);
     const bool running = params->isVoipRunning();
     if (n != 0 && !running) {
@@ -146,23 +133,22 @@ void setVoipStatus(const char* text) {
 }
 
 void updateSlsInterfacesRtt(const char* text) {
+    const std::string report = text != nullptr ? text : "";
     Parameters* params = controlParameters();
-    if (params != nullptr) {
-        int32_t rtt = 0;
-        if (!parseRtt(text, rtt)) {
-            ALOGE("%s: RTT report \"%s\" is not a 32-bit decimal number, ignored",
-                  "updateSlsInterfacesRtt", text != nullptr ? text : "(null)");
-        } else if (static_cast<uint32_t>(rtt) >
-                   static_cast<uint32_t>(params->getRttExitThreshold())) {
-            enterServiceHighRtt(params);
-        }
+    int32_t rtt = 0;
+    // A negative report compares as a large unsigned value: above the threshold.
+    if (params != nullptr &&
+        !VORD_REFUSED("updateSlsInterfacesRtt", vord::rttReportRefusal(report, &rtt)) &&
+        static_cast<uint32_t>(rtt) > static_cast<uint32_t>(params->getRttExitThreshold())) {
+        enterServiceHighRtt(params);
     }
-    ALOGI("update Sls Interfaces Rtt is %s ", text != nullptr ? text : "(null)");
+    ALOGI("update Sls Interfaces Rtt is %s ", vord::escapeForLog(report).c_str());
 }
 
 void setGameAiModeEnable(const char* text) {
     Parameters* params = controlParameters();
     if (params == nullptr || text == nullptr) return;
+    if (VORD_REFUSED("setGameAiModeEnable", vord::gameModeRefusal(text))) return;
     const int n = atoi(text);
     const int gaming = params->isGamingRunning();
     if (n != 0 && gaming == 0) {
@@ -197,7 +183,9 @@ void setGameAiModeEnable(const char* text) {
 
 void setGameAiModeCheckRtt(const char* text) {
     Parameters* params = controlParameters();
-    if (params == nullptr || text == nullptr || params->isGamingRunning() != 2) return;
+    if (params == nullptr || text == nullptr) return;
+    if (VORD_REFUSED("setGameAiModeCheckRtt", vord::switchRefusal(text))) return;
+    if (params->isGamingRunning() != 2) return;
     const int n = atoi(text);
     // The main thread's check may clear the flag at the same time: test and act
     // under the engine's control mutex.

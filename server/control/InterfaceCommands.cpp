@@ -12,9 +12,11 @@
 
 #include "config/LogText.h"
 #include "config/Parameters.h"
+#include "config/Refusals.h"
 #include "config/TextList.h"
 #include "config/Tokens.h"
 #include "control/ControlState.h"
+#include "counters/Refusal.h"
 #include "rules/IptablesManager.h"
 #include "sla/SlaStatsImpl.h"
 #include "sls/SmartLinkSelection.h"
@@ -23,10 +25,6 @@ std::vector<std::string> interfacelist;
 std::vector<std::string> preinterfacelist;
 
 namespace {
-
-// Most interfaces one list may name. Each add re-maps every statistics block
-// (with retries) while the registry is locked, and only four mark slots exist.
-constexpr size_t kMaxListedInterfaces = 8;
 
 bool contains(const std::vector<std::string>& list, const std::string& name) {
     return std::find(list.begin(), list.end(), name) != list.end();
@@ -38,11 +36,7 @@ int addInterfaces(const char* name) {
     Parameters* params = controlParameters();
     if (params == nullptr) return -1;
     // Refused before anything is built: no record, no mark slot, no block, no rule.
-    if (const char* why = vord::unmanageableInterfaceReason(name)) {
-        ALOGE("%s refused interface \"%s\": %s", "addInterfaces",
-              vord::escapeForLog(name, 64).c_str(), why);
-        return -1;
-    }
+    if (VORD_REFUSED("addInterfaces", vord::interfaceRefusal(name))) return -1;
     IptablesManager* iptables = IptablesManager::instance();
     SlaStatsImpl* sla = SlaStatsImpl::instance();
     params->UpdateInterface(name, true);
@@ -77,12 +71,8 @@ void updateInterfaces(const char* list) {
         return;
     }
     std::vector<std::string> names = vord::splitCommaList(list);
-    if (names.size() > kMaxListedInterfaces) {
-        // Refused as a whole: the managed interfaces stay as they are.
-        ALOGE("%s refused a list of %zu interfaces (at most %zu)", "updateInterfaces",
-              names.size(), kMaxListedInterfaces);
-        return;
-    }
+    // Refused as a whole: the managed interfaces stay as they are.
+    if (VORD_REFUSED("updateInterfaces", vord::interfaceListRefusal(names.size()))) return;
     interfacelist = names;
 
     for (const std::string& name : preinterfacelist) {

@@ -5,8 +5,6 @@
 
 #include <pthread.h>
 
-#include <functional>
-
 #include "control/msg.h"
 
 class Parameters;
@@ -24,16 +22,9 @@ pthread_t createSocketThreads(Parameters* params);
 void* socketThreadHandle(void*);
 
 // Dispatches one record on its id. Taken by value: a handler never sees the
-// receive buffer change under it.
+// receive buffer change under it. Counts the record as served, or as refused when
+// its id is unknown or its handler refused it (or a part of it).
 void handleMessage(msg_t msg);
-
-// Reads every record queued on the client socket `fd` without blocking, logs
-// each one whose length is at most 1023 and hands a copy of it to `dispatch`;
-// longer ones are dropped silently. Stops when the queue is empty or
-// `keepGoing` returns false. The control thread runs it with handleMessage; it
-// is the seam through which the record handling is tested and fuzzed.
-void drainRecords(int fd, msg_t& buffer, const std::function<bool()>& keepGoing,
-                  void (*dispatch)(msg_t));
 
 // Stops and joins the control thread. After it returns no command is served.
 void stopSocketThreads();

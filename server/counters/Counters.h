@@ -11,9 +11,10 @@ namespace vord {
 
 struct Counters {
     std::atomic<uint64_t> controlRecordsServed{0};    // records dispatched to a handler
-    std::atomic<uint64_t> controlRecordsRefused{0};   // records dropped or refused
+    std::atomic<uint64_t> controlRecordsRefused{0};   // records dropped or refused, in whole or part
     std::atomic<uint64_t> ruleCommandsRun{0};         // rule tool processes started
     std::atomic<uint64_t> ruleCommandsNotStarted{0};  // rule tool processes that could not start
+    std::atomic<uint64_t> ruleCommandsFailed{0};      // started, but exited non-zero or were killed
     std::atomic<uint64_t> socketsDestroyed{0};        // sockets destroyed through sock_diag
     std::atomic<uint64_t> linkSwitches{0};            // link-selection switches made
 };

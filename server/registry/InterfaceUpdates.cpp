@@ -7,11 +7,11 @@
 #include <stdlib.h>
 #include <string.h>
 
-
 #include "config/LogText.h"
 #include "config/Parameters.h"
+#include "config/Refusals.h"
 #include "config/TextList.h"
-#include "config/Tokens.h"
+#include "counters/Refusal.h"
 
 namespace {
 
@@ -19,16 +19,6 @@ bool isCellularName(const std::string& name) {
     return name.compare(0, 10, "rmnet_data") == 0 || name.compare(0, 5, "ccmni") == 0 ||
            name.compare(0, 4, "wwan") == 0;
 }
-
-// Decimal digits only, 1 to 9 of them (atoi reads them exactly).
-bool isModeText(const char* mode) {
-    size_t n = 0;
-    for (; mode[n] != '\0'; ++n) {
-        if (n >= 9 || mode[n] < '0' || mode[n] > '9') return false;
-    }
-    return n > 0;
-}
-
 
 }  // namespace
 
@@ -83,11 +73,7 @@ void Parameters::UpdateInterface(const char* ifname, bool add) {
     if (add) {
         // The name becomes an argument of rule commands and the routing table of
         // its rule: refuse it before it takes a mark slot.
-        if (const char* why = vord::unmanageableInterfaceReason(ifname)) {
-            ALOGE("%s refused interface \"%s\": %s", "UpdateInterface",
-                  vord::escapeForLog(ifname, 64).c_str(), why);
-            return;
-        }
+        if (VORD_REFUSED("UpdateInterface", vord::interfaceRefusal(ifname))) return;
         populatIfaceslist(ifname);
         int n = m_numInterfaces.load();
         for (int i = 0; i < n && i < kMaxInterfaceParams; ++i) {
@@ -108,13 +94,7 @@ void Parameters::UpdateInterface(const char* ifname, bool add) {
 
 void Parameters::UpdateInterfaceMode(const char* mode) {
     if (mode == nullptr) return;
-    // The mode text becomes a field of the parameter strings of later cellular
-    // interfaces: anything but a decimal number would make them fail to parse.
-    if (!isModeText(mode)) {
-        ALOGE("%s refused mode \"%s\": not a decimal number", "UpdateInterfaceMode",
-              vord::escapeForLog(mode, 64).c_str());
-        return;
-    }
+    if (VORD_REFUSED("UpdateInterfaceMode", vord::modeRefusal(mode))) return;
     {
         std::lock_guard<std::mutex> lock(m_listMutex);
         if (m_interfaceMode == mode) return;
@@ -136,14 +116,8 @@ void Parameters::UpdateInterfaceBssid(const char* bssids) {
         if (*p != ':') copy.push_back(*p);
     }
     ALOGI("%s bssid is %s\n", "UpdateInterfaceBssid", vord::escapeForLog(copy, 128).c_str());
+    if (VORD_REFUSED("UpdateInterfaceBssid", vord::bssidRefusal(bssids))) return;
     std::vector<std::string> parts = vord::splitCommaList(copy);
-    for (const std::string& part : parts) {
-        if (part.size() > 12) {
-            ALOGE("%s token length error is %lu", "UpdateInterfaceBssid",
-                  static_cast<unsigned long>(part.size()));
-            return;
-        }
-    }
     std::lock_guard<std::mutex> lock(g_interfaceMapMutex);
     for (auto& entry : m_interfaceInfoMap) {
         InterfaceInfo_t* record = entry.second;

@@ -10,6 +10,7 @@
 #include "config/Parameters.h"
 #include "rules/RuleCommand.h"
 #include "rules/StartupSweep.h"
+#include "rules/execnetd.h"
 
 using rules::run;
 
@@ -45,6 +46,7 @@ void IptablesManager::clean_MUX_iptables() {
 // of each kind. The tools' complaints about existing chains and missing hooks are
 // only logged.
 IptablesManager::IptablesManager() {
+    setRuleCommandTimeout(Parameters::instance()->getRuleCommandTimeoutS());
     std::lock_guard<std::mutex> lock(g_iptablesMutex);
     rules::sweepLeftovers();
     const char* ipt = rules::kIptables;

@@ -12,6 +12,7 @@
 
 #include "config/LogText.h"
 #include "config/Tokens.h"
+#include "counters/Refusal.h"
 #include "rules/execnetd.h"
 
 namespace rules {
@@ -21,9 +22,11 @@ namespace {
 // The refused text as it may be logged: escaped, and cut to 64 characters.
 std::string printable(const char* text) { return vord::escapeForLog(text, 64); }
 
+// A refusal here during a control command counts that command as refused.
 bool refuse(const char* func, const char* what, const char* text) {
-    ALOGE("%s refused %s \"%s\": no command issued for it", func, what,
-          printable(text == nullptr ? "" : text).c_str());
+    const std::string why = std::string("refused ") + what + " \"" +
+                            printable(text == nullptr ? "" : text) + "\": no command issued for it";
+    VORD_REFUSED(func, why);
     return false;
 }
 

@@ -4,6 +4,12 @@
 // line is split at blanks into the argument vector, and the first token, a fixed
 // path such as "/system/bin/iptables-wrapper-1.0", is resolved under the sandbox
 // root. Standard output and standard error share one pipe, read line by line.
+//
+// The runner waits for the tool's exit, not for the end of its output: a child
+// the tool leaves behind holding the pipe does not hold the caller. A tool still
+// running at the deadline ("rule_command_timeout_s") is killed with its process
+// group. A tool that exits non-zero or is killed counts as failed; its command
+// line, result and output are kept for the status snapshot.
 
 #define LOG_TAG "MUX-Vord-iptablesManager"
 
@@ -13,18 +19,26 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <stdint.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <string>
 #include <vector>
 
 #include <vord/RootPath.h>
 
+#include "config/LogText.h"
 #include "counters/Counters.h"
+#include "counters/RuleFailure.h"
 
 extern char** environ;
 
@@ -49,42 +63,129 @@ std::vector<std::string> splitAtBlanks(const char* cmd) {
     return out;
 }
 
-void logOutputLine(const std::string& line, const char* cmd) {
-    ALOGE(" SLA EXECNETD FAIL - %s", line.c_str());
-    ALOGE(" SLA EXECNETD FAIL cmd - %s", cmd);
-}
+// Output read in one go, at most, so that the deadline is looked at between two
+// reads; and all that is read after the tool's exit (a child it left behind may
+// go on writing).
+constexpr size_t kReadAtOnce = 64 * 1024;
+// Output kept for the status snapshot, at most.
+constexpr size_t kKeptOutput = 512;
+// Without a process descriptor the exit is looked for this often.
+constexpr int kExitPollMs = 10;
 
-// Reads the tool's output until end of file and logs it: one piece per line, or
-// per kOutputPiece characters of a longer line. With `collected`, keeps it there
-// instead.
-void drainOutput(int fd, const char* cmd, std::string* collected) {
-    std::string piece;
-    char buf[512];
-    for (;;) {
-        ssize_t n = read(fd, buf, sizeof(buf));
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            break;
+std::atomic<int> g_timeoutSeconds{kDefaultRuleCommandTimeoutSeconds};
+
+using Clock = std::chrono::steady_clock;
+
+// The tool's output: logged one piece per line, or per kOutputPiece characters of
+// a longer line, and the start of it kept; or, for a listing the daemon reads,
+// collected whole into `collected` and not logged.
+class ToolOutput {
+  public:
+    ToolOutput(const char* cmd, std::string* collected) : cmd_(cmd), collected_(collected) {}
+    // Reads what the pipe holds, up to kReadAtOnce bytes. False at end of file.
+    bool read(int fd) {
+        char buf[512];
+        for (size_t total = 0; total < kReadAtOnce;) {
+            ssize_t n = ::read(fd, buf, sizeof(buf));
+            if (n < 0 && errno == EINTR) continue;
+            if (n == 0) return false;
+            if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
+            total += static_cast<size_t>(n);
+            add(buf, static_cast<size_t>(n));
         }
-        if (n == 0) break;
-        if (collected != nullptr) {
-            collected->append(buf, static_cast<size_t>(n));
-            continue;
+        return true;
+    }
+    // Logs the piece not yet ended by a line feed; the output kept so far.
+    std::string finish() {
+        if (!piece_.empty()) log();
+        return kept_;
+    }
+
+  private:
+    void add(const char* data, size_t n) {
+        if (collected_ != nullptr) {
+            collected_->append(data, n);
+            return;
         }
-        for (ssize_t i = 0; i < n; ++i) {
-            piece.push_back(buf[i]);
-            if (buf[i] == '\n' || piece.size() == kOutputPiece) {
-                logOutputLine(piece, cmd);
-                piece.clear();
-            }
+        if (kept_.size() < kKeptOutput) kept_.append(data, std::min(n, kKeptOutput - kept_.size()));
+        for (size_t i = 0; i < n; ++i) {
+            piece_.push_back(data[i]);
+            if (data[i] == '\n' || piece_.size() == kOutputPiece) log();
         }
     }
-    if (!piece.empty()) logOutputLine(piece, cmd);
+    void log() {
+        ALOGE(" SLA EXECNETD FAIL - %s", piece_.c_str());
+        ALOGE(" SLA EXECNETD FAIL cmd - %s", cmd_);
+        piece_.clear();
+    }
+    const char* cmd_;
+    std::string* collected_;
+    std::string piece_;
+    std::string kept_;
+};
+
+// A descriptor that becomes readable when process `pid` exits; -1 when the
+// kernel offers none (the exit is then polled for).
+int exitDescriptor(pid_t pid) {
+#ifdef SYS_pidfd_open
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+#else
+    (void)pid;
+    return -1;
+#endif
+}
+
+int reap(pid_t pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+
+// Reads the tool's output until it exits or the deadline passes; at the
+// deadline kills it and its process group. The wait status; `killed` tells a
+// kill at the deadline.
+int superviseTool(pid_t pid, int outFd, ToolOutput& output, bool& killed) {
+    const int exitFd = exitDescriptor(pid);
+    const auto deadline = Clock::now() + std::chrono::seconds(g_timeoutSeconds.load());
+    bool outputOpen = true;
+    int status = 0;
+    killed = false;
+    for (;;) {
+        pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid) break;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
+            kill(-pid, SIGKILL);
+            kill(pid, SIGKILL);
+            status = reap(pid);
+            killed = true;
+            break;
+        }
+        pollfd fds[2];
+        nfds_t n = 0;
+        if (outputOpen) fds[n++] = {outFd, POLLIN, 0};
+        if (exitFd >= 0) fds[n++] = {exitFd, POLLIN, 0};
+        const int64_t slice = exitFd >= 0 ? INT32_MAX : kExitPollMs;
+        const int wait = static_cast<int>(std::min<int64_t>(left.count(), slice));
+        if (poll(fds, n, wait) > 0 && outputOpen && fds[0].revents != 0) outputOpen = output.read(outFd);
+    }
+    if (exitFd >= 0) close(exitFd);
+    // What is already in the pipe; a child left behind cannot hold the caller.
+    if (outputOpen) output.read(outFd);
+    return status;
+}
+
+std::string describeFailure(int status, bool killed) {
+    if (killed) return "killed after " + std::to_string(g_timeoutSeconds.load()) + " s";
+    if (WIFSIGNALED(status)) return "killed by signal " + std::to_string(WTERMSIG(status));
+    if (WIFEXITED(status) && WEXITSTATUS(status) != 0) return "exit " + std::to_string(WEXITSTATUS(status));
+    return "";
 }
 
 }  // namespace
 
-int execnetd(const char* cmd, std::string* output) {
+int execnetd(const char* cmd, std::string* collected) {
     if (cmd == nullptr) cmd = "";
     size_t len = strlen(cmd);
     if (len + kStderrSuffix >= kLineSize) {
@@ -106,7 +207,7 @@ int execnetd(const char* cmd, std::string* output) {
     argv.push_back(nullptr);
 
     int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
+    if (pipe2(fds, O_CLOEXEC) != 0 || fcntl(fds[0], F_SETFL, O_NONBLOCK) != 0) {
         ALOGE("SEND SLA NDC COMMAND - FAIL  %s \n", cmd);
         vord::bump(vord::counters().ruleCommandsNotStarted);
         return -1;
@@ -127,7 +228,10 @@ int execnetd(const char* cmd, std::string* output) {
     sigfillset(&all);
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &all);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    // A process group of its own, so that a kill at the deadline also ends the
+    // children it started.
+    posix_spawnattr_setpgroup(&attr, 0);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     pid_t pid = -1;
     int rc = posix_spawn(&pid, tool.c_str(), &actions, &attr, argv.data(), environ);
     posix_spawnattr_destroy(&attr);
@@ -141,9 +245,20 @@ int execnetd(const char* cmd, std::string* output) {
     }
     vord::bump(vord::counters().ruleCommandsRun);
     ALOGI("SEND SLA NDC COMMAND - PASS  %s\n", cmd);
-    drainOutput(fds[0], cmd, output);
+    ToolOutput output(cmd, collected);
+    bool killed = false;
+    const int status = superviseTool(pid, fds[0], output, killed);
     close(fds[0]);
-    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    const std::string kept = output.finish();
+    const std::string result = describeFailure(status, killed);
+    if (!result.empty()) {
+        ALOGE("%s command failed (%s): %s", "execnetd", result.c_str(), cmd);
+        vord::bump(vord::counters().ruleCommandsFailed);
+        vord::recordRuleFailure({cmd, result, vord::escapeForLog(kept, kKeptOutput)});
     }
     return 0;
+}
+
+void setRuleCommandTimeout(int seconds) {
+    g_timeoutSeconds.store(seconds > 0 ? seconds : kDefaultRuleCommandTimeoutSeconds);
 }

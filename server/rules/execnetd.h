@@ -3,10 +3,20 @@
 
 #include <string>
 
+// Seconds a rule tool may run before it is killed, unless the configuration
+// ("rule_command_timeout_s") says otherwise.
+constexpr int kDefaultRuleCommandTimeoutSeconds = 30;
+
 // Runs `cmd`, a tool path followed by its arguments separated by blanks, and logs
 // each line the tool prints (standard output and standard error together) as an
-// error. Returns 0 when the tool could be started, -1 when not (including a
-// command line too long to run in full). The tool's exit status is not examined.
-// With `output`, the tool's output is collected there instead of being logged (a
-// listing the daemon reads, not a complaint).
+// error. Waits for the tool's exit (not for the end of its output) and kills it,
+// with its process group, once it has run for the timeout. Returns 0 when the
+// tool could be started, -1 when not (including a command line too long to run
+// in full). A tool that exits non-zero or is killed is logged and counted as
+// failed, and becomes the last failure of the status snapshot; the result is
+// still 0. With `output`, the tool's output is collected there instead of being
+// logged (a listing the daemon reads, not a complaint).
 int execnetd(const char* cmd, std::string* output = nullptr);
+
+// Sets the timeout of execnetd, in seconds (the default for a value under 1).
+void setRuleCommandTimeout(int seconds);

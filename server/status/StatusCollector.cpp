@@ -8,6 +8,7 @@
 
 #include "config/Parameters.h"
 #include "counters/Counters.h"
+#include "counters/RuleFailure.h"
 #include "sla/SlaStatsImpl.h"
 #include "status/SelectionState.h"
 
@@ -133,7 +134,9 @@ void collect(Parameters* params, SlaStatsImpl* sla, const Snapshot& previous, Sn
     s.probePort = params->getRttServerPort();
 
     s.slaWhitelist = static_cast<uint32_t>(params->slaUidWhitelist().size());
-    s.gamingUids = static_cast<uint32_t>(params->gamingUidList().size());
+    const std::vector<std::string> gaming = params->gamingUidList();
+    s.gamingUids = static_cast<uint32_t>(gaming.size());
+    for (const std::string& uid : gaming) s.gamingUidList += (s.gamingUidList.empty() ? "" : ",") + uid;
     s.dwWhitelist = static_cast<uint32_t>(params->dwUidWhitelist().size());
     s.ddWhitelist = static_cast<uint32_t>(params->ddUidWhitelist().size());
     s.gateways = static_cast<uint32_t>(params->wifiGateways().size());
@@ -145,8 +148,13 @@ void collect(Parameters* params, SlaStatsImpl* sla, const Snapshot& previous, Sn
     s.controlRefused = load(c.controlRecordsRefused);
     s.ruleCommandsRun = load(c.ruleCommandsRun);
     s.ruleCommandsNotStarted = load(c.ruleCommandsNotStarted);
+    s.ruleCommandsFailed = load(c.ruleCommandsFailed);
     s.socketsDestroyed = load(c.socketsDestroyed);
     s.linkSwitches = load(c.linkSwitches);
+    RuleFailure failure = lastRuleFailure();
+    s.lastFailedCommand = std::move(failure.command);
+    s.lastFailedResult = std::move(failure.result);
+    s.lastFailedOutput = std::move(failure.output);
     *out = std::move(s);
 }
 

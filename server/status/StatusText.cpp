@@ -36,10 +36,12 @@ bool sameContent(const Snapshot& a, const Snapshot& b) {
            a.slaWhitelist == b.slaWhitelist && a.gamingUids == b.gamingUids &&
            a.dwWhitelist == b.dwWhitelist && a.ddWhitelist == b.ddWhitelist &&
            a.gateways == b.gateways && a.dwMonitor == b.dwMonitor && a.dwSelect == b.dwSelect &&
-           a.controlServed == b.controlServed && a.controlRefused == b.controlRefused &&
-           a.ruleCommandsRun == b.ruleCommandsRun &&
+           a.gamingUidList == b.gamingUidList && a.controlServed == b.controlServed &&
+           a.controlRefused == b.controlRefused && a.ruleCommandsRun == b.ruleCommandsRun &&
            a.ruleCommandsNotStarted == b.ruleCommandsNotStarted &&
-           a.socketsDestroyed == b.socketsDestroyed && a.linkSwitches == b.linkSwitches;
+           a.ruleCommandsFailed == b.ruleCommandsFailed && a.socketsDestroyed == b.socketsDestroyed &&
+           a.linkSwitches == b.linkSwitches && a.lastFailedCommand == b.lastFailedCommand &&
+           a.lastFailedResult == b.lastFailedResult && a.lastFailedOutput == b.lastFailedOutput;
 }
 
 // ---- writing ----
@@ -132,12 +134,17 @@ std::string format(const Snapshot& s) {
     w.unsignedNumber("features.gateways", s.gateways);
     w.flag("features.dw_monitor", s.dwMonitor);
     w.number("features.dw_select", s.dwSelect);
+    w.text("features.gaming_uid_list", s.gamingUidList);
     w.unsignedNumber("counters.control_served", s.controlServed);
     w.unsignedNumber("counters.control_refused", s.controlRefused);
     w.unsignedNumber("counters.rule_commands_run", s.ruleCommandsRun);
     w.unsignedNumber("counters.rule_commands_not_started", s.ruleCommandsNotStarted);
+    w.unsignedNumber("counters.rule_commands_failed", s.ruleCommandsFailed);
     w.unsignedNumber("counters.sockets_destroyed", s.socketsDestroyed);
     w.unsignedNumber("counters.link_switches", s.linkSwitches);
+    w.text("rules.last_failed_command", s.lastFailedCommand);
+    w.text("rules.last_failed_result", s.lastFailedResult);
+    w.text("rules.last_failed_output", s.lastFailedOutput);
     w.text("end", "1");
     return out;
 }
@@ -210,9 +217,14 @@ using Setter = std::function<bool(Snapshot&, const std::string&)>;
 struct Field {
     const char* key;
     Setter set;
+    bool optional = false;  // added after version 1: an older daemon does not write it
 };
 
-// Every key outside the link groups; each is required.
+Setter text(std::string Snapshot::*member) {
+    return [member](Snapshot& s, const std::string& v) { return s.*member = v, true; };
+}
+
+// Every key outside the link groups.
 const std::vector<Field>& topFields() {
     static const std::vector<Field> fields = {
         {"version", [](Snapshot& s, const std::string& v) { return toInt(v, &s.version); }},
@@ -245,6 +257,12 @@ const std::vector<Field>& topFields() {
          [](Snapshot& s, const std::string& v) { return toU64(v, &s.ruleCommandsNotStarted); }},
         {"counters.sockets_destroyed", [](Snapshot& s, const std::string& v) { return toU64(v, &s.socketsDestroyed); }},
         {"counters.link_switches", [](Snapshot& s, const std::string& v) { return toU64(v, &s.linkSwitches); }},
+        {"features.gaming_uid_list", text(&Snapshot::gamingUidList), true},
+        {"counters.rule_commands_failed",
+         [](Snapshot& s, const std::string& v) { return toU64(v, &s.ruleCommandsFailed); }, true},
+        {"rules.last_failed_command", text(&Snapshot::lastFailedCommand), true},
+        {"rules.last_failed_result", text(&Snapshot::lastFailedResult), true},
+        {"rules.last_failed_output", text(&Snapshot::lastFailedOutput), true},
     };
     return fields;
 }
@@ -336,7 +354,7 @@ bool parse(const std::string& text, Snapshot* out, std::string* error) {
     }
     if (!ended) return fail(text.empty() ? "empty file" : "no end line (file cut short)");
     for (size_t i = 0; i < fields.size(); ++i) {
-        if (!seen[i]) return fail(std::string("missing key ") + fields[i].key);
+        if (!seen[i] && !fields[i].optional) return fail(std::string("missing key ") + fields[i].key);
     }
     for (size_t i = 0; i < s.links.size(); ++i) {
         unsigned b = linkBits[i];

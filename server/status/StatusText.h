@@ -3,10 +3,11 @@
 //
 // The file is plain "key=value" lines in a fixed order: a header (format version,
 // pid, state, loop period, update times), one group of "link.<name>.<field>" lines
-// per managed link, then the "selection.", "features." and "counters." keys, and
-// "end=1" as the last line. A reader that does not find the end line has a partial
-// file. Unknown keys are skipped by the reader, so keys can be added without a new
-// format version; a version above kFormatVersion is refused.
+// per managed link, then the "selection.", "features.", "counters." and "rules."
+// keys, and "end=1" as the last line. A reader that does not find the end line has
+// a partial file. Unknown keys are skipped by the reader, so keys can be added
+// without a new format version (a reader does not require the keys added since
+// version 1); a version above kFormatVersion is refused.
 //
 // This file has no dependency on the daemon: vordctl and the tests use it as is.
 #pragma once
@@ -79,6 +80,9 @@ struct Snapshot {
     // Features.
     uint32_t slaWhitelist = 0;
     uint32_t gamingUids = 0;
+    // The gaming UIDs themselves, comma-separated. The stop commands keep the list
+    // (the sockets of these UIDs are destroyed at shutdown).
+    std::string gamingUidList;
     uint32_t dwWhitelist = 0;
     uint32_t ddWhitelist = 0;
     uint32_t gateways = 0;
@@ -90,8 +94,14 @@ struct Snapshot {
     uint64_t controlRefused = 0;
     uint64_t ruleCommandsRun = 0;
     uint64_t ruleCommandsNotStarted = 0;
+    uint64_t ruleCommandsFailed = 0;  // exited non-zero or killed
     uint64_t socketsDestroyed = 0;
     uint64_t linkSwitches = 0;
+
+    // The last rule command that failed; an empty command when none has.
+    std::string lastFailedCommand;
+    std::string lastFailedResult;  // "exit 1", "killed by signal 9", "killed after 30 s"
+    std::string lastFailedOutput;  // the tool's output, escaped onto one line
 };
 
 // True when the two differ in anything but the update times.

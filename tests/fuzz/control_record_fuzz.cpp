@@ -1,7 +1,7 @@
 // Arbitrary byte streams through the control channel's receive path: the bytes
 // are written in chunks of arbitrary size to a connected socket pair and the
-// real drain reads them, so whole, partial, split and over-long records all
-// occur. Every record accepted must be in bounds and NUL-terminated; records of
+// real record stream reassembles them, so whole, partial, split and over-long
+// records all occur. Every record accepted must be in bounds and NUL-terminated; records of
 // the commands that run no rule tool also go through the real dispatch.
 #include <stddef.h>
 #include <stdint.h>
@@ -13,6 +13,7 @@
 #include <vord/LogCapture.h>
 
 #include "FuzzRoot.h"
+#include "control/RecordStream.h"
 #include "control/VordSocketServer.h"
 
 namespace {
@@ -42,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     vord::LogCapture quiet;
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) return 0;
-    msg_t buffer;
+    RecordStream stream;
     size_t at = 0;
     while (at < size) {
         // Two bytes give the size of the next chunk, up to two records and one byte.
@@ -54,10 +55,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         size_t n = want < size - at ? want : size - at;
         if (n > 0 && write(sv[0], data + at, n) != static_cast<ssize_t>(n)) break;
         at += n;
-        drainRecords(sv[1], buffer, [] { return true; }, dispatch);
+        stream.read(sv[1], [] { return true; }, dispatch);
     }
     close(sv[0]);
-    drainRecords(sv[1], buffer, [] { return true; }, dispatch);
+    stream.read(sv[1], [] { return true; }, dispatch);
     close(sv[1]);
     return 0;
 }

@@ -55,8 +55,10 @@ TEST_F(DaemonTest, ClientCredentialsToolSignalStateAndAStopBehindACommand) {
     }
     EXPECT_GE(seen, 10) << signals;  // every command of the add
 
-    // A whitelist command whose rule tool takes 2 s. It holds no lock the main
-    // loop takes, so the loop sees the stop while the command still runs.
+    // A whitelist command whose rule tool takes 2 s. Once the loop has written
+    // wlan0's cascade it takes no lock the command holds, so it sees the stop
+    // while the command still runs.
+    ASSERT_TRUE(daemon.waitForLog("Updated Ratio")) << daemon.log();
     root.writeFile("/system/bin/iptables-wrapper-1.0",
                    "#!/bin/sh\ncase \"$*\" in *10123*) : > '" + root.at("/record/slow") +
                        "'; sleep 2; : > '" + root.at("/record/slow-done") + "';; esac\n",
@@ -76,21 +78,23 @@ std::string record(int32_t id, int32_t length, const std::string& text) {
     std::string bytes(8, '\0');
     memcpy(&bytes[0], &id, 4);
     memcpy(&bytes[4], &length, 4);
-    return bytes + text;
+    return bytes + text + std::string(1024 - std::min<size_t>(text.size(), 1024), '\0');
 }
 
-// Records written back to back are dispatched in order; then a receive shorter
-// than a record is one record, and text without a NUL ends at the last byte of
-// `message`. A length over 1023 drops the record.
-TEST_F(DaemonTest, BackToBackShortAndUnterminatedRecords) {
+// Records written back to back are dispatched in order, each one whole: records
+// split across two writes are reassembled, a length over 1023 drops the record,
+// text without a NUL ends at the last byte of `message`, a client that hangs up
+// mid-record has that part dropped, and 200 clients that each write one record
+// and hang up at once are all served. The counters tell served from refused.
+TEST_F(DaemonTest, EveryRecordIsServedWholeAndInOrder) {
     ASSERT_NO_FATAL_FAILURE(startDaemon());
     ASSERT_TRUE(client.connect());
     const struct {
         int id;
         std::string text;
         int length;
-    } records[] = {{4, "10.0.0.1", 8},   {4, "10.0.0.1", 8},  {0, "zero", 4}, {12, "drop-me", 1024},
-                   {12, std::string(1023, 'k'), 1023}, {15, "fifteen", 7}, {12, "done", 4}};
+    } records[] = {{4, "10.0.0.1", 8},   {4, "10.0.0.1", 8},  {0, "zero", 4}, {10, "drop-me", 1024},
+                   {10, std::string(1023, 'k'), 1023}, {15, "fifteen", 7}, {10, "done", 4}};
     std::vector<std::string> logged;
     for (const auto& r : records) {
         ASSERT_TRUE(client.send(r.id, r.text, r.length));
@@ -105,26 +109,38 @@ TEST_F(DaemonTest, BackToBackShortAndUnterminatedRecords) {
     EXPECT_EQ(daemon.countLog("unknow mesage!!!"), 2u);  // ids 0 and 15
     EXPECT_EQ(daemon.countLog("populateWifiGateway = 10.0.0.1"), 1u);  // the repeat is skipped
 
-    const struct {
-        std::string bytes;
-        std::string logged;  // empty: not dispatched
-    } cases[] = {
-        {record(12, 3, "abc"), "msg.id=12, msg.length=3, msg.message=[abc]"},
-        {record(12, 0, ""), "msg.id=12, msg.length=0, msg.message=[]"},
-        {std::string(5, '\x0c'), "msg.id=202116108, msg.length=12, msg.message=[]"},
-        {record(12, 1024, std::string(1024, 'x')), ""},  // a whole record, over the limit
-        {record(12, 1023, std::string(1024, 'y')),
-         "msg.length=1023, msg.message=[" + std::string(1023, 'y') + "]"},
-        {record(12, 3, "end"), "msg.message=[end]"},
-    };
-    for (const auto& c : cases) {
-        // One receive per record: the next goes out once this one has been read.
-        ASSERT_TRUE(client.sendRaw(c.bytes));
-        ASSERT_TRUE(c.logged.empty() || daemon.waitForLog(c.logged)) << c.logged << "\n" << daemon.log();
+    // Each record in two writes, split anywhere (in the header too), with a pause
+    // between them, and one without a NUL in its text.
+    for (int i = 0; i < 30; ++i) {
+        const std::string text = "split-" + std::to_string(100 + i) + std::string(600, 'u');
+        const std::string bytes = record(10, 609, text);
+        const size_t cut = 1 + static_cast<size_t>(i) * 34;
+        ASSERT_TRUE(client.sendRaw(bytes.substr(0, cut)));
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        ASSERT_TRUE(client.sendRaw(bytes.substr(cut)));
     }
-    EXPECT_EQ(daemon.countLog("recv msg: "), 11u) << daemon.log();
+    ASSERT_TRUE(client.sendRaw(record(10, 1023, std::string(1024, 'y'))));
+    ASSERT_TRUE(daemon.waitForLog("msg.length=1023, msg.message=[" + std::string(1023, 'y') + "]")) << daemon.log();
+    EXPECT_EQ(daemon.countLog("msg.id=10, msg.length=609, msg.message=[split-1"), 30u) << daemon.log();
     EXPECT_EQ(daemon.countLog(std::string(1024, 'y')), 0u);
-    EXPECT_EQ(daemon.countLog("xxxx"), 0u);
+    EXPECT_EQ(daemon.countLog("recv msg: "), 37u) << daemon.log();
+    ASSERT_TRUE(client.sendRaw(record(10, 3, "cut").substr(0, 100)));
+    client.close();
+    ASSERT_TRUE(daemon.waitForLog("control client hung up in the middle of a record: 100 of 1032 bytes dropped"));
+
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 200; ++i) {
+        clients.emplace_back([this, i] {
+            ControlClient one(root);
+            EXPECT_TRUE(one.connect(std::chrono::seconds(60)) && one.send(10, "client-" + std::to_string(i)));
+        });
+    }
+    for (std::thread& t : clients) t.join();
+    ASSERT_TRUE(daemon.waitForLog("msg.message=[client-", std::chrono::seconds(30), 200)) << daemon.log();
+    // Refused: ids 0 and 15, the length of 1024, the record cut short.
+    ASSERT_TRUE(waitSnapshot([](const vord::status::Snapshot& s) { return s.controlServed == 235; }))
+        << last.controlServed;
+    EXPECT_EQ(last.controlRefused, 4u);
 }
 
 // The property reads 2 before the start: start-up completes, one iteration runs

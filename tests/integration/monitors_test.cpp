@@ -28,7 +28,8 @@ TEST_F(DaemonTest, FiftyRoundsOfEachFeatureThenShutdownWhileAllRun) {
     for (int i = 1; i <= 50; ++i) {
         const std::pair<int, const char*> sequence[] = {
                 {9, "10123"}, {10, ""},                      // link selection
-                {11, "10123"}, {11, "0"},                    // voice call
+                {11, "10123"}, {11, "10456"}, {11, "0"},     // voice call; a second start does nothing
+                {14, "1"},                                   // the check before game mode does nothing
                 {13, "10123"}, {14, "1"}, {14, "0"}, {13, "0"},  // game mode and its check
                 {13, "10123"}, {14, "1"}, {13, "0"},         // game mode off with the check on
                 {6, "1"}, {6, "1"}, {6, "0"}, {6, "0"},      // dual Wi-Fi monitor; a second start or stop does nothing
@@ -44,13 +45,16 @@ TEST_F(DaemonTest, FiftyRoundsOfEachFeatureThenShutdownWhileAllRun) {
     EXPECT_EQ(daemon.countLog("RssiStateMonitor stopped"), 200u);
     EXPECT_EQ(daemon.countLog("SlaTcpSocketMonitor polling"), 150u);
     EXPECT_EQ(daemon.countLog("SlaTcpSocketMonitor stopped"), 150u);
+    EXPECT_EQ(daemon.countLog("setGameAiModeCheckRtt enable"), 100u);
+    EXPECT_EQ(daemon.countLog("SLS GAMING Demo UID = 10456"), 0u);
     expectThreads(baseline);
 
     const char* const monitors[] = {"SlaTcpSocketMonitor stopped", "RssiStateMonitor stopped",
                                     "DoubleWifiMonitor stopped"};
     size_t stops[3];
     for (int i = 0; i < 3; ++i) stops[i] = daemon.countLog(monitors[i]);
-    for (const auto& c : {std::pair<int, const char*>{13, "10123"}, {14, "1"}, {11, "10456"}, {6, "1"}}) {
+    // No game-mode check here: its end on Wi-Fi would take the call's probes with it.
+    for (const auto& c : {std::pair<int, const char*>{13, "10123"}, {11, "10456"}, {6, "1"}}) {
         ASSERT_TRUE(client.send(c.first, c.second));
     }
     ASSERT_TRUE(daemon.waitForLog("DoubleWifiMonitor started", std::chrono::seconds(10), 51));

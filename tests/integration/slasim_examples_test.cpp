@@ -33,6 +33,7 @@ TEST(SlaStatsSimHelp, ExamplesAndIntervalsFitTheDaemonsEstimatorOrAreRefused) {
         const char* args;
         int status;
         const char* output;
+        const char* input = "";  // stdin lines
     } cases[] = {
         {nullptr, "wlan0=1200kbit rmnet_data0=600kbit", 124, "record interval 100 ms"},
         {nullptr, "wlan0=8mbit rmnet_data0=4mbit", 124, "record interval 18 ms"},
@@ -41,14 +42,18 @@ TEST(SlaStatsSimHelp, ExamplesAndIntervalsFitTheDaemonsEstimatorOrAreRefused) {
         {"estimate_pack_num=10 # x\nideal_est_window = 400\n", "wlan0=1200kbit", 124,
          "record interval 40 ms"},
         {"estimate_pack_num=10\n", "wlan0=2mbit", 124, "record interval 32 ms"},
+        // Refused while running as at the start; the link keeps its rate.
+        {nullptr, "wlan0=1000kbit", 124, "refused wlan0=102399998976kbit is more than vord can read",
+         "wlan0=99999999mbit\\nwlan0=1000kbit\\n"},
+        {nullptr, "--root /nonexistent wlan0=1kbit", 2, "the root /nonexistent is not a directory"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args);
         TempRoot root;
         if (c.conf != nullptr) root.writeConf(c.conf);
         std::string out;
-        EXPECT_EQ(shell("timeout 0.5 " + binPath("sla_stats_sim") + " --no-config --root " +
-                            root.path() + " " + c.args + " </dev/null",
+        EXPECT_EQ(shell(std::string("printf '") + c.input + "' | timeout 0.5 " + binPath("sla_stats_sim") +
+                            " --no-config --root " + root.path() + " " + c.args,
                         &out),
                   c.status);
         EXPECT_NE(out.find(c.output), std::string::npos) << out;

@@ -2,6 +2,7 @@
 // statistics simulator standing in for the kernel module and a recording
 // stand-in for the rule tool; `vordctl status` reading the snapshot.
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -144,34 +145,55 @@ TEST_F(DaemonTest, ZeroIntervalSpinsAndAReaderNeverSeesAPartialSnapshot) {
     EXPECT_TRUE(daemon.stopThroughProperty());
 }
 
-TEST(VordctlStatus, MissingMalformedStuckAndGoneSnapshots) {
-    // A live process whose snapshot was last written five seconds ago, and one gone.
+// Only a regular file is read (a FIFO does not block), control bytes are shown
+// escaped, and a live pid counts only when it is a vord process.
+TEST(VordctlStatus, MissingMalformedStuckGoneAndForeignSnapshots) {
+    TempRoot root;
+    // A live process named vord whose snapshot was last written five seconds ago,
+    // one gone, and a live process that is not vord (a reused pid).
+    ASSERT_EQ(0, symlink("/bin/sleep", root.at("/vord").c_str()));
+    Spawned vord({root.at("/vord"), "60"}, root.at("/vord.log"));
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     Snapshot stuck;
-    stuck.pid = getpid();
+    stuck.pid = vord.pid();
     stuck.periodMs = 1000;
     stuck.updatedMonoMs = now.tv_sec * 1000 + now.tv_nsec / 1000000 - 5000;
-    Snapshot gone = stuck;
+    stuck.lastFailedCommand = "/system/bin/ip-wrapper-1.0 rule add";
+    stuck.lastFailedResult = "exit 2";
+    Snapshot gone = stuck, foreign = stuck;
     if ((gone.pid = fork()) == 0) _exit(0);
     waitpid(gone.pid, nullptr, 0);
-    TempRoot root;
+    foreign.pid = getpid();
+    std::string escape = status::format(stuck);
+    escape.replace(escape.find("probe_server=") + 13, 0, "\x1b[2J");
+    const std::string path = root.at("/data/vendor/vord/status");
     const struct {
-        std::string content;  // none when empty
+        std::string content;  // none when empty; "fifo": a FIFO
         const char* args;
         int status;
         std::vector<std::string> shown;
     } cases[] = {
-        {"", "status", 1, {"no status snapshot at " + root.at("/data/vendor/vord/status") + " (is vord running?)"}},
+        {"", "status --json", 1, {"{\"error\":\"no status snapshot at " + path + " (is vord running?)\""}},
         {"version=1\npid=1\n", "status", 1, {"is malformed: no end line"}},
-        {status::format(stuck), "status", 3, {"older than three loop periods", "LINK"}},  // the table still shown
+        {escape, "status", 3, {"older than three loop periods", "LINK", "probe target \\x1b[2J:0",
+                               "Last failed rule command (exit 2): /system/bin/ip-wrapper-1.0 rule add"}},
         {status::format(gone), "status --json", 3, {"is not running", "\"live\":false"}},
+        {status::format(foreign), "status", 3, {"is not running: that pid is now \""}},
+        {"fifo", "status", 1, {"the status snapshot " + path + " is not a regular file"}},
+        {"fifo", "status --file", 2, {"--file needs a path"}},
     };
     for (const auto& c : cases) {
-        if (!c.content.empty()) root.writeFile("/data/vendor/vord/status", c.content);
+        if (c.content == "fifo") {
+            unlink(path.c_str());
+            ASSERT_EQ(0, mkfifo(path.c_str(), 0644));
+        } else if (!c.content.empty()) {
+            root.writeFile("/data/vendor/vord/status", c.content);
+        }
         std::string out;
         EXPECT_EQ(c.status, vordctl(root, c.args, &out)) << out;
-        for (const std::string& text : c.shown) EXPECT_NE(out.find(text), std::string::npos) << out;
+        for (const std::string& text : c.shown) EXPECT_NE(out.find(text), std::string::npos) << text << "\n" << out;
+        EXPECT_EQ(out.find('\x1b'), std::string::npos) << out;
     }
 }
 

@@ -1,5 +1,5 @@
 // vordctl against a daemon that is busy (a long command holds the control
-// thread) and against no daemon at all.
+// thread) and against no daemon at all, and the payloads it refuses to send.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -67,6 +67,10 @@ TEST(Vordctl, HelpRefusalsAndNothingListening) {
         {"--socket " + stale + " mode 0", 1, "connection refused"},
         {"reboot now", 2, "unknown command 'reboot'"},
         {"ifaces wlan0 gateway", 2, "missing payload for 'gateway'"},
+        // Payloads the daemon would refuse: its reason, nothing sent.
+        {"rtt 7 mode abc", 2, "mode: vord refuses this payload: refused mode \"abc\": not a decimal number"},
+        {"whitelist 10123,0", 2, "refused entry \"0\": UID 0 (root) is never steered; nothing sent"},
+        {"--force mode abc", 1, "no socket file"},
     };
     for (const auto& c : cases) {
         const auto start = std::chrono::steady_clock::now();

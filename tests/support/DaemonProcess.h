@@ -116,7 +116,7 @@ class DaemonProcess {
 };
 
 // A client of "/dev/socket/vord" in a sandbox root. The daemon serves one client
-// at a time; data a client leaves unread when it hangs up is dropped.
+// at a time.
 class ControlClient {
   public:
     explicit ControlClient(const TempRoot& root) : root_(root) {}

@@ -32,6 +32,10 @@ TEST(Config, CommentCutAndConversionQuirks) {
     using Read = std::string (*)(const Parameters&);
     const Read nHyst = [](const Parameters& p) { return std::to_string(p.getNHyst()); };
     const Read cache = [](const Parameters& p) { return std::to_string(p.getBestEstCacheSize()); };
+    const Read period = [](const Parameters& p) {
+        return std::to_string(p.get(mini_est_interval)) + "," + std::to_string(p.getTHystS()) + "," +
+               std::to_string(p.getPingIntervalMs()) + "," + std::to_string(p.getRuleCommandTimeoutS());
+    };
     const struct { const char* text; Read read; const char* expected; } cases[] = {
         {"n_hyst=3 # three", nHyst, "3"},
         {"n_hyst=3#three", nHyst, "0"},  // the character before "#" goes with the comment
@@ -46,6 +50,11 @@ TEST(Config, CommentCutAndConversionQuirks) {
         {"protocols=x=y", [](const Parameters& p) { return p.getProtocols(); }, "x=y"},
         {"best_est_cache_size=1000000000", cache, "3600"},  // clamped
         {"best_est_cache_size=-5", cache, "-5"},            // negative: the cache is off
+        // Periods out of range are refused; the value in force stays.
+        {"mini_est_interval=-1\nt_hyst_s=3601\nping_interval_ms=60001\nrule_command_timeout_s=0", period,
+         "1000,0,1000,30"},
+        {"mini_est_interval=2147483647\nmini_est_interval=60000\nrule_command_timeout_s=3600", period,
+         "60000,0,1000,3600"},
     };
     for (const auto& c : cases) {
         vord::test::TempRoot::writeAt(conf(), std::string(c.text) + "\n");
@@ -54,18 +63,27 @@ TEST(Config, CommentCutAndConversionQuirks) {
     }
 }
 
-TEST(Config, MissingFileOrDirectoryKeepsDefaultsAndLogsOneError) {
+// Missing, a directory, a FIFO (never waited on) or over the size cap: the
+// defaults stay.
+TEST(Config, OnlyARegularFileOfAtMost64KiBIsRead) {
     unlink(conf().c_str());
-    for (bool directory : {false, true}) {
-        if (directory) { ASSERT_EQ(0, mkdir(conf().c_str(), 0755)); }
+    for (const char* kind : {"missing", "directory", "fifo", "large"}) {
+        if (kind == std::string("directory")) { ASSERT_EQ(0, mkdir(conf().c_str(), 0755)); }
+        if (kind == std::string("fifo")) { ASSERT_EQ(0, mkfifo(conf().c_str(), 0644)); }
+        if (kind == std::string("large")) {
+            std::string text;
+            while (text.size() <= Parameters::kMaxConfFileSize) text += "mini_est_interval=7\n";
+            vord::test::TempRoot::writeAt(conf(), text);
+        }
         vord::LogCapture log;
         Parameters p;
         EXPECT_EQ(log.grep("E/"), Strings{"E/MUX-Vord-SlaParameters: read vord conf file failed!"});
         EXPECT_EQ(std::make_tuple(p.get(mini_est_interval), p.get(28), p.get(29)), std::make_tuple(1000, 0, -1));
         char buf[512];
         EXPECT_STREQ(p.getStatsProtocols(buf), "protocols=http,https");
+        rmdir(conf().c_str());
+        unlink(conf().c_str());
     }
-    rmdir(conf().c_str());
 }
 
 TEST_F(Store, ListsRefuseOverlongNonDecimalAndRootEntriesKeepingTheRest) {

@@ -1,5 +1,6 @@
-// The stop protocol of the control thread and its socket, in-process.
-#include <gtest/gtest.h>
+// The stop protocol of the control thread and its socket, in-process, and the
+// daemon's verdict on payloads, which vordctl gives before sending.
+#include "UnitSupport.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,11 +11,10 @@
 
 #include <thread>
 
-#include <vord/RootPath.h>
-
-#include "config/Parameters.h"
 #include "control/ControlState.h"
+#include "control/PayloadCheck.h"
 #include "control/VordSocketServer.h"
+#include "counters/Counters.h"
 
 namespace {
 
@@ -63,3 +63,33 @@ TEST(ControlServer, ListensOnTheSocketInitHandsOver) {
 }
 
 }  // namespace
+
+// A record counts as refused exactly when vordctl's check finds a reason.
+TEST(ControlServer, HandlersRefuseWhatVordctlsCheckRefuses) {
+    unittest::stubRuleTools();
+    Parameters store;
+    setControlParameters(&store);
+    const std::pair<int, std::string> cases[] = {
+        {1, "wlan0;reboot"}, {1, "a,b,c,d,e,f,g,h,i"}, {1, ""},
+        {2, "10123,abc"}, {2, "NULL"}, {5, "0"}, {7, "123456"}, {7, "10123"},
+        {3, "abc"}, {3, "1"},
+        {4, "999.1.1.1"}, {4, std::string(64, '1')}, {4, "192.168.1.1,::1"},
+        {6, "7"}, {6, "x"}, {6, "0"}, {14, "5"}, {14, "1"},
+        {8, "AA:BB:CC:DD:EE:FF:11"}, {8, "AA:BB:CC:DD:EE:FF"},
+        {10, "x"}, {11, "10123x"}, {11, "0"}, {12, "abc"}, {12, "99999999999"}, {12, "-5"},
+        {13, "on"}, {13, "0"}, {0, ""}, {15, "x"},
+    };
+    vord::LogCapture quiet;
+    for (const auto& c : cases) {
+        msg_t msg{};
+        msg.id = c.first;
+        snprintf(msg.message, sizeof(msg.message), "%s", c.second.c_str());
+        const uint64_t refused = vord::counters().controlRecordsRefused.load();
+        const uint64_t served = vord::counters().controlRecordsServed.load();
+        handleMessage(msg);
+        const bool counted = vord::counters().controlRecordsRefused.load() == refused + 1;
+        EXPECT_EQ(counted, !vord::payloadRefusal(c.first, c.second).empty()) << c.first << " " << c.second;
+        EXPECT_EQ(vord::counters().controlRecordsServed.load(), served + (counted ? 0 : 1));
+    }
+    setControlParameters(nullptr);
+}

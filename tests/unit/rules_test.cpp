@@ -7,6 +7,11 @@
 #include <algorithm>
 #include <map>
 
+#include <signal.h>
+
+#include "DaemonProcess.h"
+#include "counters/Counters.h"
+#include "counters/RuleFailure.h"
 #include "rules/IptablesManager.h"
 #include "rules/StartupSweep.h"
 #include "rules/execnetd.h"
@@ -18,6 +23,7 @@ using unittest::addRecord;
 using unittest::kRmnet;
 using unittest::kWlan0;
 using unittest::kWlan1;
+using vord::test::waitFor;
 
 #define IPT "/system/bin/iptables-wrapper-1.0 -w -t mangle "
 
@@ -201,6 +207,47 @@ TEST(Execnetd, SplitsAtBlanksRunsWithoutAShellAndLogsOutput) {
     EXPECT_FALSE(log.contains("SLA EXECNETD FAIL"));
     EXPECT_EQ(execnetd("/system/bin/no-such-tool -w"), -1);
     EXPECT_TRUE(log.contains("SEND SLA NDC COMMAND - FAIL  /system/bin/no-such-tool -w"));
+}
+
+// The runner waits for the tool's exit, not the end of its output; a tool still
+// running at the deadline is killed with its children. Non-zero exits and kills
+// count as failures, the last one kept with its output.
+TEST(Execnetd, WaitsForTheExitKillsAtTheDeadlineAndCountsFailures) {
+    const std::string pids = vord::resolvePath("/record/pids");
+    vord::test::TempRoot::writeAt(
+            vord::resolvePath("/system/bin/odd-tool"),
+            "#!/bin/sh\ncase \"$1\" in\n"
+            "fail) echo 'RTNETLINK answers: File exists'; exit 2;;\n"      // fails at once
+            "leave) sleep 60 & echo $! > '" + pids + "'; exit 0;;\n"       // its child holds the output
+            "hang) sleep 60 & echo $! > '" + pids + "'; wait;;\nesac\n",  // runs past the deadline
+            0755);
+    const auto failed = [] { return vord::counters().ruleCommandsFailed.load(); };
+    // Running, not a zombie waiting for the reaper.
+    const auto child = [&] { return std::stoi(vord::test::readWholeFile(pids)); };
+    const auto alive = [&] {
+        const std::string stat = vord::test::readWholeFile("/proc/" + std::to_string(child()) + "/stat");
+        return !stat.empty() && stat.find(") Z ") == std::string::npos;
+    };
+    const uint64_t before = failed();
+    vord::LogCapture log;
+    EXPECT_EQ(execnetd("/system/bin/odd-tool fail"), 0);
+    EXPECT_EQ(failed(), before + 1);
+    vord::RuleFailure last = vord::lastRuleFailure();
+    EXPECT_EQ(last.command + "|" + last.result + "|" + last.output,
+              "/system/bin/odd-tool fail|exit 2|RTNETLINK answers: File exists\\x0a");
+    EXPECT_TRUE(log.contains("E/MUX-Vord-iptablesManager: execnetd command failed (exit 2): /system/bin/odd-tool fail"));
+
+    EXPECT_EQ(execnetd("/system/bin/odd-tool leave"), 0);
+    EXPECT_TRUE(alive());  // returned while the child still held the pipe
+    kill(child(), SIGKILL);
+    EXPECT_EQ(failed(), before + 1);
+
+    setRuleCommandTimeout(1);
+    EXPECT_EQ(execnetd("/system/bin/odd-tool hang"), 0);
+    setRuleCommandTimeout(kDefaultRuleCommandTimeoutSeconds);
+    EXPECT_EQ(failed(), before + 2);
+    EXPECT_EQ(vord::lastRuleFailure().result, "killed after 1 s");
+    EXPECT_TRUE(waitFor([&] { return !alive(); })) << "the tool's child outlived the kill";
 }
 
 // From the tools' listings: owned chains (and only they) lose their jumps, then

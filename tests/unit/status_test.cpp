@@ -35,6 +35,11 @@ Snapshot sample() {
     s.controlServed = 7;
     s.ruleCommandsRun = 1u << 31;
     s.linkSwitches = 5;
+    s.gamingUidList = "10123,10456";
+    s.ruleCommandsFailed = 3;
+    s.lastFailedCommand = "/system/bin/ip-wrapper-1.0 rule add fwmark 0x200000/0xce00000 table wlan0";
+    s.lastFailedResult = "killed after 30 s";
+    s.lastFailedOutput = "RTNETLINK answers: File exists\\x0a";
     return s;
 }
 
@@ -81,7 +86,9 @@ TEST(StatusTextTest, OnlyCompleteSnapshotsParse) {
         EXPECT_FALSE(parse(b.first, &out, &error)) << b.second;
         EXPECT_NE(error.find(b.second), std::string::npos) << "got: " << error;
     }
-    // Keys this reader does not know are skipped.
+    // Keys an older daemon does not write are not required; keys this reader does
+    // not know are skipped.
+    EXPECT_TRUE(parse(edited("counters.rule_commands_failed=3\n", ""), &out, &error)) << error;
     EXPECT_TRUE(parse(edited("end=1\n", "selection.future=x\nend=1\n"), &out, &error)) << error;
     EXPECT_TRUE(parse(edited("link.wlan0.slave=0\n", "link.wlan0.slave=0\nlink.wlan0.x=1\n"), &out, &error)) << error;
 }

@@ -59,7 +59,8 @@ const char kUsage[] =
     "--interval the interval is at most 100 ms and short enough for the highest\n"
     "rate (e.g. 18 ms at 8 mbit); a rate too high even for 2 ms records (above\n"
     "75000 kbit with the defaults) is refused. An --interval too long for a rate\n"
-    "is refused with the interval that would work. 'live' rates are not known in\n"
+    "is refused with the interval that would work. Rates given while running are\n"
+    "refused the same way (the link keeps its rate). 'live' rates are not known in\n"
     "advance: give them a short --interval if they run fast.\n"
     "\n"
     "Examples, each read by vord with its default vord.conf:\n"
@@ -71,7 +72,8 @@ const char kUsage[] =
     "      connection (wlan0 1.0, rmnet_data0 0)\n"
     "\n"
     "options:\n"
-    "  --root DIR         sandbox root (default: $VORD_ROOT, else /)\n"
+    "  --root DIR         sandbox root, an existing directory (default: $VORD_ROOT,\n"
+    "                     else /)\n"
     "  --interval MS      record period in milliseconds (default: chosen from the\n"
     "                     rates, at most 100)\n"
     "  --rates-file FILE  IFNAME=RATE lines, read again whenever the file changes\n"
@@ -236,6 +238,32 @@ class Simulator {
     uint32_t intervalMs() const { return m_intervalMs; }
     void startRunning() { m_running = true; }
 
+    // Why the daemon could not read `kbit` on link `name` at the record interval
+    // (empty when it can); `longest` gets the longest interval that reads it (0:
+    // none does).
+    std::string unreadable(const std::string& name, double kbit, uint32_t& longest) const {
+        longest = longestReadableInterval(kbit, m_limits);
+        char text[512];
+        if (longest == 0) {
+            snprintf(text, sizeof(text),
+                     "%s=%.0fkbit is more than vord can read: even with %u ms records its "
+                     "estimator, which stops at %.0f bytes, would see fewer than "
+                     "estimate_pack_num=%d intervals (%s); the highest readable rate is %.0f kbit",
+                     name.c_str(), kbit, kMinIntervalMs, kMaxEstimateBytes, m_limits.packNum,
+                     m_limits.source.c_str(), highestReadableRate(m_limits));
+        } else if (!m_autoInterval && longest < m_intervalMs) {
+            snprintf(text, sizeof(text),
+                     "%s=%.0fkbit at --interval %u would read as 0 in vord: its estimator stops "
+                     "at %.0f bytes or ideal_est_window=%d ms before it has estimate_pack_num=%d "
+                     "intervals (%s); use --interval %u or shorter, or leave --interval out",
+                     name.c_str(), kbit, m_intervalMs, kMaxEstimateBytes, m_limits.idealMs,
+                     m_limits.packNum, m_limits.source.c_str(), longest);
+        } else {
+            return "";
+        }
+        return text;
+    }
+
     // Checks that the daemon can read every configured rate at the record
     // interval, choosing the interval when it is not fixed (and saying so when
     // `announce`). A rate it cannot read is reported on stderr; false then.
@@ -245,24 +273,10 @@ class Simulator {
         for (const auto& entry : m_links) {
             const Link& link = entry.second;
             if (link.live) continue;
-            uint32_t longest = longestReadableInterval(link.kbit, m_limits);
-            if (longest == 0) {
-                fprintf(stderr,
-                        "sla_stats_sim: %s=%.0fkbit is more than vord can read: even with %u ms "
-                        "records its estimator, which stops at %.0f bytes, would see fewer than "
-                        "estimate_pack_num=%d intervals (%s); the highest readable rate is %.0f "
-                        "kbit\n",
-                        entry.first.c_str(), link.kbit, kMinIntervalMs, kMaxEstimateBytes,
-                        m_limits.packNum, m_limits.source.c_str(), highestReadableRate(m_limits));
-                ok = false;
-            } else if (!m_autoInterval && longest < m_intervalMs) {
-                fprintf(stderr,
-                        "sla_stats_sim: %s=%.0fkbit at --interval %u would read as 0 in vord: "
-                        "its estimator stops at %.0f bytes or ideal_est_window=%d ms before it "
-                        "has estimate_pack_num=%d intervals (%s); use --interval %u or shorter, "
-                        "or leave --interval out\n",
-                        entry.first.c_str(), link.kbit, m_intervalMs, kMaxEstimateBytes,
-                        m_limits.idealMs, m_limits.packNum, m_limits.source.c_str(), longest);
+            uint32_t longest = 0;
+            const std::string why = unreadable(entry.first, link.kbit, longest);
+            if (!why.empty()) {
+                fprintf(stderr, "sla_stats_sim: %s\n", why.c_str());
                 ok = false;
             }
             if (longest != 0) fitting = std::min(fitting, longest);
@@ -323,6 +337,7 @@ class Simulator {
         link.live = rate.live;
         link.device = rate.device.empty() ? name : rate.device;
         link.haveCounter = false;
+        link.carry = 0;
         if (link.block == nullptr && !mapBlock(name, link)) {
             m_links.erase(name);
             return false;
@@ -358,7 +373,14 @@ class Simulator {
             fprintf(stderr, "sla_stats_sim: ignored \"%s\" (want IFNAME=RATE)\n", line.c_str());
             return;
         }
-        // Before the start, main() checks all rates at once.
+        // Before the start, main() checks all rates at once; later a rate the
+        // daemon cannot read is refused the same way, and the link keeps its rate.
+        uint32_t longest = 0;
+        const std::string why = m_running && !rate.live ? unreadable(name, rate.kbit, longest) : "";
+        if (!why.empty()) {
+            fprintf(stderr, "sla_stats_sim: refused %s\n", why.c_str());
+            return;
+        }
         if (setRate(name, rate) && m_running) fitInterval(true);
     }
 
@@ -568,6 +590,12 @@ int main(int argc, char** argv) {
     }
     while (root.size() > 1 && root.back() == '/') root.pop_back();
     if (root == "/") root.clear();
+    // The sandbox root must exist: a mistyped one is not created.
+    struct stat rootStat;
+    if (!root.empty() && (stat(root.c_str(), &rootStat) != 0 || !S_ISDIR(rootStat.st_mode))) {
+        fprintf(stderr, "sla_stats_sim: the root %s is not a directory\n", root.c_str());
+        return 2;
+    }
 
     setvbuf(stdout, nullptr, _IOLBF, 0);
     struct sigaction sa;
@@ -589,8 +617,8 @@ int main(int argc, char** argv) {
         if (!sim.setRate(name, rate)) return 1;
     }
     sim.pollRatesFile(ratesFile);
-    // A rate the daemon cannot read at the start is refused; later changes (stdin,
-    // rates file) only warn.
+    // A rate the daemon cannot read is refused, at the start and later (stdin,
+    // rates file).
     if (!sim.fitInterval(false)) return 2;
     printf("record interval %u ms\n", sim.intervalMs());
     sim.startRunning();

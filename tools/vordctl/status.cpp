@@ -1,5 +1,8 @@
 // vordctl status: shows the daemon's status snapshot ("/data/vendor/vord/status").
-// It reads the file only; it does not talk to the control socket.
+// It reads the file only; it does not talk to the control socket. It reads only a
+// regular file (never blocking on a FIFO), shows every text value with its
+// control bytes escaped, and calls the daemon live only when the snapshot's pid is
+// a vord process.
 
 #include "status.h"
 
@@ -10,6 +13,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -17,6 +21,7 @@
 
 #include <vord/RootPath.h>
 
+#include "config/LogText.h"
 #include "status/StatusText.h"
 
 namespace {
@@ -27,6 +32,10 @@ using vord::status::Snapshot;
 constexpr size_t kMaxFileSize = 1 << 20;
 
 enum Exit { kFresh = 0, kNoSnapshot = 1, kUsage = 2, kNotLive = 3 };
+
+// Text from the file as it may be printed: control bytes (an escape sequence
+// would drive the terminal) and other bytes outside printable ASCII as "\xNN".
+std::string shown(const std::string& text) { return vord::escapeForLog(text, kMaxFileSize); }
 
 void usage(FILE* out) {
     fprintf(out,
@@ -43,9 +52,10 @@ void usage(FILE* out) {
             "  -h, --help    this text\n"
             "\n"
             "Exit status: 0 for a current snapshot of a running vord; 1 when there is no\n"
-            "snapshot or it cannot be read; 3 when vord has stopped, is gone, or has not\n"
-            "refreshed the snapshot for three loop periods (stuck); the snapshot is still\n"
-            "shown then. With --watch: 0 when interrupted.\n");
+            "snapshot or it cannot be read (with --json: an object with \"error\" on stdout);\n"
+            "3 when vord has stopped, is gone, or has not refreshed the snapshot for three\n"
+            "loop periods (stuck); the snapshot is still shown then. With --watch: 0 when\n"
+            "interrupted.\n");
 }
 
 int64_t nowMs(clockid_t clock) {
@@ -78,10 +88,17 @@ std::string wallTime(int64_t ms) {
 
 // The snapshot at `path`, or false with the message to print.
 bool readSnapshot(const std::string& path, Snapshot* out, std::string* message) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Without blocking: opening a FIFO for reading would wait for a writer.
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
         *message = errno == ENOENT ? "no status snapshot at " + path + " (is vord running?)"
                                    : "cannot read the status snapshot " + path + ": " + strerror(errno);
+        return false;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        *message = "the status snapshot " + path + " is not a regular file";
+        close(fd);
         return false;
     }
     std::string text;
@@ -105,7 +122,7 @@ bool readSnapshot(const std::string& path, Snapshot* out, std::string* message) 
     close(fd);
     std::string why;
     if (!vord::status::parse(text, out, &why)) {
-        *message = "the status snapshot " + path + " is malformed: " + why;
+        *message = "the status snapshot " + path + " is malformed: " + shown(why);
         return false;
     }
     return true;
@@ -124,6 +141,19 @@ bool processExists(int64_t pid) {
     return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
 }
 
+// The name of process `pid` ("vord" for the daemon); empty when it cannot be
+// read, and then not held against it.
+std::string processName(int64_t pid) {
+    std::string name;
+    FILE* f = fopen(("/proc/" + std::to_string(pid) + "/comm").c_str(), "re");
+    if (f == nullptr) return name;
+    char buf[64];
+    if (fgets(buf, sizeof(buf), f) != nullptr) name = buf;
+    fclose(f);
+    if (!name.empty() && name.back() == '\n') name.pop_back();
+    return name;
+}
+
 Liveness judge(const Snapshot& s) {
     Liveness l;
     l.ageMs = nowMs(CLOCK_MONOTONIC) - s.updatedMonoMs;
@@ -134,6 +164,11 @@ Liveness judge(const Snapshot& s) {
     } else if (!processExists(s.pid)) {
         l.warning = printf_("warning: vord (pid %" PRId64 ") is not running; snapshot from %s", s.pid,
                             wallTime(s.updatedWallMs).c_str());
+    } else if (const std::string name = processName(s.pid); !name.empty() && name != "vord") {
+        // The pid was reused after vord ended.
+        l.warning = printf_("warning: vord (pid %" PRId64 ") is not running: that pid is now \"%s\"; "
+                            "snapshot from %s",
+                            s.pid, shown(name).c_str(), wallTime(s.updatedWallMs).c_str());
     } else if (l.ageMs < 0) {
         l.warning = printf_("warning: the snapshot was written before this boot (%s): vord is not updating it",
                             wallTime(s.updatedWallMs).c_str());
@@ -161,8 +196,9 @@ std::string renderTable(const Snapshot& s, const Liveness& live) {
                    "METERED", "SLAVE", "RATE kbit/s", "SHARE %", "RTT ms", "LEVEL", "MISSES", "RSSI +ms");
     for (const LinkStatus& l : s.links) {
         std::string rtt = l.rttMs < 0 ? "failed" : std::to_string(l.rttMs);
-        out += printf_("%-15s %-10s %-15s %-7s %-5s %11s %7s %6s %5s %6s %8s\n", l.name.c_str(),
-                       l.mark.c_str(), l.table.c_str(), l.metered ? "yes" : "no", l.slave ? "yes" : "no",
+        out += printf_("%-15s %-10s %-15s %-7s %-5s %11s %7s %6s %5s %6s %8s\n", shown(l.name).c_str(),
+                       shown(l.mark).c_str(), shown(l.table).c_str(), l.metered ? "yes" : "no",
+                       l.slave ? "yes" : "no",
                        dash(l.aggregated, std::to_string(l.rateKbps)).c_str(),
                        dash(l.aggregated, printf_("%.1f", static_cast<double>(l.share) * 100.0)).c_str(),
                        dash(l.probed, rtt).c_str(), dash(l.probed, std::to_string(l.level)).c_str(),
@@ -172,16 +208,25 @@ std::string renderTable(const Snapshot& s, const Liveness& live) {
     if (s.links.empty()) out += "(no managed links)\n";
     out += "\n";
     out += printf_("Selection  mode %s, engine %s, current link %s, switches in window %d, probe target %s:%d\n",
-                   s.mode.c_str(), s.engine ? "running" : "none", s.current.empty() ? "-" : s.current.c_str(),
-                   s.switches, s.probeServer.c_str(), s.probePort);
+                   shown(s.mode).c_str(), s.engine ? "running" : "none",
+                   s.current.empty() ? "-" : shown(s.current).c_str(), s.switches, shown(s.probeServer).c_str(),
+                   s.probePort);
     out += printf_("Features   UID lists: SLA whitelist %u, gaming %u, dual Wi-Fi %u, dual data %u; "
                    "gateways %u; dual Wi-Fi monitor %s, select status %d\n",
                    s.slaWhitelist, s.gamingUids, s.dwWhitelist, s.ddWhitelist, s.gateways,
                    s.dwMonitor ? "on" : "off", s.dwSelect);
+    // Kept after a stop: their sockets are destroyed at shutdown.
+    out += "           gaming UIDs: " + (s.gamingUidList.empty() ? "-" : shown(s.gamingUidList)) + "\n";
     out += printf_("Counters   control records served %" PRIu64 ", refused %" PRIu64 "; rule commands run %" PRIu64
-                   ", not started %" PRIu64 "; sockets destroyed %" PRIu64 "; link switches %" PRIu64 "\n",
-                   s.controlServed, s.controlRefused, s.ruleCommandsRun, s.ruleCommandsNotStarted,
-                   s.socketsDestroyed, s.linkSwitches);
+                   ", failed %" PRIu64 ", not started %" PRIu64 "; sockets destroyed %" PRIu64
+                   "; link switches %" PRIu64 "\n",
+                   s.controlServed, s.controlRefused, s.ruleCommandsRun, s.ruleCommandsFailed,
+                   s.ruleCommandsNotStarted, s.socketsDestroyed, s.linkSwitches);
+    if (!s.lastFailedCommand.empty()) {
+        // Built without printf_: the command and its output may be long.
+        out += "Last failed rule command (" + shown(s.lastFailedResult) + "): " + shown(s.lastFailedCommand) +
+               "\n           output: " + (s.lastFailedOutput.empty() ? "(none)" : shown(s.lastFailedOutput)) + "\n";
+    }
     return out;
 }
 
@@ -237,15 +282,22 @@ std::string renderJson(const Snapshot& s, const Liveness& live) {
     o += printf_(",\"switches\":%d,\"probe_server\":", s.switches) + jsonString(s.probeServer);
     o += printf_(",\"probe_port\":%d},", s.probePort);
     o += printf_("\"features\":{\"sla_whitelist\":%u,\"gaming_uids\":%u,\"dw_whitelist\":%u,"
-                 "\"dd_whitelist\":%u,\"gateways\":%u,\"dw_monitor\":%s,\"dw_select\":%d},",
+                 "\"dd_whitelist\":%u,\"gateways\":%u,\"dw_monitor\":%s,\"dw_select\":%d,",
                  s.slaWhitelist, s.gamingUids, s.dwWhitelist, s.ddWhitelist, s.gateways, jsonBool(s.dwMonitor),
                  s.dwSelect);
+    o += "\"gaming_uid_list\":" + jsonString(s.gamingUidList) + "},";
     o += printf_("\"counters\":{\"control_served\":%" PRIu64 ",\"control_refused\":%" PRIu64
-                 ",\"rule_commands_run\":%" PRIu64 ",\"rule_commands_not_started\":%" PRIu64
-                 ",\"sockets_destroyed\":%" PRIu64 ",\"link_switches\":%" PRIu64 "}}\n",
-                 s.controlServed, s.controlRefused, s.ruleCommandsRun, s.ruleCommandsNotStarted,
-                 s.socketsDestroyed, s.linkSwitches);
-    return o;
+                 ",\"rule_commands_run\":%" PRIu64 ",\"rule_commands_failed\":%" PRIu64
+                 ",\"rule_commands_not_started\":%" PRIu64 ",\"sockets_destroyed\":%" PRIu64
+                 ",\"link_switches\":%" PRIu64 "},",
+                 s.controlServed, s.controlRefused, s.ruleCommandsRun, s.ruleCommandsFailed,
+                 s.ruleCommandsNotStarted, s.socketsDestroyed, s.linkSwitches);
+    o += "\"last_failed_rule_command\":";
+    o += s.lastFailedCommand.empty() ? std::string("null")
+                                     : "{\"command\":" + jsonString(s.lastFailedCommand) +
+                                           ",\"result\":" + jsonString(s.lastFailedResult) +
+                                           ",\"output\":" + jsonString(s.lastFailedOutput) + "}";
+    return o + "}\n";
 }
 
 // ---- one look, and the watch loop ----
@@ -255,6 +307,8 @@ int look(const std::string& path, bool json, std::string* out, std::string* erro
     Snapshot s;
     std::string message;
     if (!readSnapshot(path, &s, &message)) {
+        // With --json the reader of stdout gets an object in every case.
+        if (json) *out = "{\"error\":" + jsonString(message) + ",\"live\":false}\n";
         *error = "vordctl: " + message + "\n";
         return kNoSnapshot;
     }
@@ -306,7 +360,11 @@ int runStatus(int argc, char** argv) {
             json = true;
         } else if (opt == "--watch") {
             watching = true;
-        } else if (opt == "--file" && i + 1 < argc) {
+        } else if (opt == "--file") {
+            if (i + 1 >= argc || argv[i + 1][0] == '-' || argv[i + 1][0] == '\0') {
+                fprintf(stderr, "vordctl: status: --file needs a path (see vordctl status --help)\n");
+                return kUsage;
+            }
             path = argv[++i];
         } else {
             fprintf(stderr, "vordctl: status: unknown option '%s' (see vordctl status --help)\n", opt.c_str());

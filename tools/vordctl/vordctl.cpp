@@ -1,12 +1,17 @@
 // vordctl: sends control commands to a running vord over its local socket.
 //
-//   vordctl [--socket PATH] [--timeout SECONDS] [-n|--dry-run] COMMAND [PAYLOAD]...
+//   vordctl [--socket PATH] [--timeout SECONDS] [-n|--dry-run] [--force] COMMAND [PAYLOAD]...
 //   vordctl status [--json] [--watch] [--file PATH]   (status.cpp)
+//
+// The daemon sends no reply, so a payload it would refuse (in whole or in part)
+// would vanish without a word: each payload is checked first with the daemon's own
+// functions, and a refused one stops vordctl with the daemon's reason before
+// anything is sent (exit 2). --force sends it anyway; "raw" is never checked.
 //
 // Every command becomes one 1032-byte record, written with one write; all
 // commands of one invocation go over one connection, in order. The daemon sends
-// no reply. It also drops data that a client leaves unread when it hangs up, so
-// before closing, vordctl waits until the daemon has read every record.
+// no reply, so before closing, vordctl waits until the daemon has read every
+// record: its exit status then says the records arrived.
 //
 // The daemon serves one client at a time and runs each command to its end before
 // it reads the next record, so a connection can wait in its listen queue, or its
@@ -36,6 +41,7 @@
 
 #include <vord/RootPath.h>
 
+#include "control/PayloadCheck.h"
 #include "control/msg.h"
 #include "status.h"
 
@@ -96,8 +102,8 @@ struct Wait {
 
 void usage(FILE* out) {
     fprintf(out,
-            "usage: vordctl [--socket PATH] [--timeout SECONDS] [-n|--dry-run] COMMAND [PAYLOAD]\n"
-            "               [COMMAND [PAYLOAD]]...\n"
+            "usage: vordctl [--socket PATH] [--timeout SECONDS] [-n|--dry-run] [--force]\n"
+            "               COMMAND [PAYLOAD] [COMMAND [PAYLOAD]]...\n"
             "       vordctl status [--json] [--watch] [--file PATH]   (see vordctl status --help)\n"
             "\n"
             "Sends commands to vord over its control socket, all over one connection, in\n"
@@ -119,6 +125,9 @@ void usage(FILE* out) {
             "                  long command (default %d); without a listening daemon vordctl\n"
             "                  fails at once\n"
             "  -n, --dry-run   print the records instead of sending them\n"
+            "  --force         send payloads that vord would refuse (by default such a\n"
+            "                  payload stops vordctl with vord's reason, exit 2, and nothing\n"
+            "                  is sent; 'raw' is never checked)\n"
             "  -h, --help      this text\n"
             "\n"
             "Options come before the first command. Payloads are at most %zu bytes.\n"
@@ -153,8 +162,9 @@ msg_t makeRecord(int32_t id, const std::string& text) {
     return msg;
 }
 
-// Turns the command words into records. False (with a message) on any error.
-bool parseCommands(int argc, char** argv, int i, std::vector<msg_t>* records) {
+// Turns the command words into records. False (with a message) on any error,
+// and, unless `force`, on a payload the daemon would refuse.
+bool parseCommands(int argc, char** argv, int i, bool force, std::vector<msg_t>* records) {
     while (i < argc) {
         std::string word = argv[i++];
         const Command* cmd = findCommand(word);
@@ -189,6 +199,12 @@ bool parseCommands(int argc, char** argv, int i, std::vector<msg_t>* records) {
         if (payload.size() > kMaxPayload) {
             fprintf(stderr, "vordctl: payload of '%s' is %zu bytes; a record holds at most %zu\n",
                     word.c_str(), payload.size(), kMaxPayload);
+            return false;
+        }
+        const std::string why = raw || force ? "" : vord::payloadRefusal(id, payload);
+        if (!why.empty()) {
+            fprintf(stderr, "vordctl: %s: vord refuses this payload: %s; nothing sent (--force sends it anyway)\n",
+                    word.c_str(), why.c_str());
             return false;
         }
         records->push_back(makeRecord(id, payload));
@@ -251,8 +267,8 @@ int connectDaemon(const std::string& path, Wait& wait) {
 enum class Delivery { Done, Lost, Failed };
 
 // Writes the records and waits until the daemon has read all of them. Lost means
-// the connection was dropped unread (it was still queued on a listening socket
-// that the daemon replaced), so sending again is safe.
+// the connection was dropped unread (a daemon of an older kind drops the
+// clients queued on a listening socket it replaces), so sending again is safe.
 Delivery sendRecords(int fd, const std::vector<msg_t>& records, const std::string& path,
                      Wait& wait) {
     for (const msg_t& msg : records) {
@@ -290,7 +306,7 @@ Delivery sendRecords(int fd, const std::vector<msg_t>& records, const std::strin
 
 int main(int argc, char** argv) {
     std::string socketPath = vord::resolvePath("/dev/socket/vord");
-    bool dryRun = false;
+    bool dryRun = false, force = false;
     Wait wait;
     int i = 1;
     for (; i < argc && argv[i][0] == '-' && argv[i][1] != '\0'; ++i) {
@@ -300,6 +316,8 @@ int main(int argc, char** argv) {
             return 0;
         } else if (opt == "-n" || opt == "--dry-run") {
             dryRun = true;
+        } else if (opt == "--force") {
+            force = true;
         } else if (opt == "--socket" && i + 1 < argc) {
             socketPath = argv[++i];
         } else if (opt == "--timeout" && i + 1 < argc) {
@@ -322,7 +340,7 @@ int main(int argc, char** argv) {
     if (strcmp(argv[i], "status") == 0) return runStatus(argc - i - 1, argv + i + 1);
 
     std::vector<msg_t> records;
-    if (!parseCommands(argc, argv, i, &records)) return 2;
+    if (!parseCommands(argc, argv, i, force, &records)) return 2;
 
     if (dryRun) {
         for (const msg_t& msg : records) {
@@ -331,8 +349,9 @@ int main(int argc, char** argv) {
         return 0;
     }
 
-    // Several clients at once compete for the one the daemon serves; the others are
-    // dropped when it hangs up. A random pause spreads their next attempts.
+    // Several clients at once compete for the one the daemon serves; while it
+    // re-creates its socket the others are refused. A random pause spreads their
+    // next attempts.
     srand(static_cast<unsigned>(getpid()));
     wait.start = Clock::now();
     wait.deadline = wait.start + std::chrono::seconds(wait.seconds);
