@@ -11,28 +11,13 @@
 #include <mutex>
 #include <string>
 
+#include "QuietStderr.h"
 #include "config/Parameters.h"
 #include "sls/SmartLinkSelection.h"
 
 namespace {
 
 const char* const kLinks[] = {"rmnet_data0", "rmnet_data1", "wlan0", "wlan1"};
-
-class QuietStderr {
-  public:
-    QuietStderr() : saved_(dup(STDERR_FILENO)) {
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDERR_FILENO);
-        close(null);
-    }
-    ~QuietStderr() {
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-    }
-
-  private:
-    int saved_;
-};
 
 // `flip`: the two best links trade places every step, so every step switches
 // (t_hyst_s 0); otherwise the step finds the current link still best.

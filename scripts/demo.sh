@@ -5,21 +5,21 @@
 # with the sample vord.conf, starts the statistics simulator (standing in for
 # the kernel module) with two links, starts the daemon, sends it the interface
 # list, a whitelist and a Wi-Fi gateway, and shows the link shares it computes
-# and the "vexo_SLA" rules it writes; then changes the simulated rates and shows
+# and the "vexo_SLA" rules it writes, IPv4 and IPv6; then changes the simulated rates and shows
 # the rules follow; then stops the daemon through the property and shows that
 # it cleaned up.
 #
 # Stage 2, link selection: as root, in the link lab (vord-linklab: wlan0 with a
 # 40 ms and rmnet_data0 with a 30 ms real round trip), runs the daemon inside
 # the lab, starts selection for UID 10123 and an application of that UID, shows
-# the link chosen, cuts wlan0 and shows the switch, the application's
-# connection torn down and re-established over rmnet_data0 (with vordctl
+# the link chosen, cuts wlan0 and shows the switch, the application's IPv4 and
+# IPv6 connections torn down and re-established over rmnet_data0 (with vordctl
 # status after each stage), then stops
 # selection and the daemon and shows no rule is left. Without root it shows the
 # selection commands and the rule commands they produce with recording
 # stand-ins, and says what it skipped.
 #
-# As root the rule tools run the real iptables and ip inside network
+# As root the rule tools run the real iptables, ip6tables and ip inside network
 # namespaces; elsewhere they are stand-ins that only record each command.
 # Everything the demo starts or creates outside ./sandbox (processes,
 # namespaces, /etc/netns/NAME, /run/vord-linklab/NAME) is removed on exit,
@@ -99,13 +99,13 @@ if [ "$(id -u)" = 0 ] && ip netns add "vord-demo-$$" 2>/dev/null; then
     [ -f "/etc/netns/$ns/iproute2/rt_tables" ] ||
         cp /usr/share/iproute2/rt_tables "/etc/netns/$ns/iproute2/" 2>/dev/null || true
     printf '101 wlan0\n102 rmnet_data0\n' >> "/etc/netns/$ns/iproute2/rt_tables"
-    echo "rule tools: the real iptables and ip in network namespace $ns"
+    echo "rule tools: the real iptables, ip6tables and ip in network namespace $ns"
 else
     echo "rule tools: stand-ins that record each command (run as root for real iptables)"
 fi
 install_tools() {  # install_tools [NAMESPACE]: real tools run there, else stand-ins
     local tool
-    for tool in iptables-wrapper-1.0 ip-wrapper-1.0; do
+    for tool in iptables-wrapper-1.0 ip6tables-wrapper-1.0 ip-wrapper-1.0; do
         {
             echo '#!/bin/sh'
             echo "echo \"/system/bin/$tool \$*\" >> '$sandbox/commands.log'"
@@ -118,13 +118,16 @@ install_tools() {  # install_tools [NAMESPACE]: real tools run there, else stand
 }
 install_tools "$ns"
 
-show_sla_rules() {
+show_sla_rules() {  # the cascade of each family, the IPv6 one right after the IPv4 one
+    local save
     if [ -n "$ns" ]; then
-        echo "-- iptables-save -t mangle (vexo_SLA) in $ns:"
-        ip netns exec "$ns" iptables-save -t mangle | grep -E '^-A vexo_SLA' || echo "(empty)"
+        for save in iptables-save ip6tables-save; do
+            echo "-- $save -t mangle (vexo_SLA) in $ns:"
+            ip netns exec "$ns" "$save" -t mangle | grep -E '^-A vexo_SLA' || echo "(empty)"
+        done
     else
-        echo "-- last vexo_SLA rules written:"
-        grep -E 'vexo_SLA' "$sandbox/commands.log" | tail -n 3
+        echo "-- last vexo_SLA rules written (IPv4, then IPv6):"
+        grep -E 'vexo_SLA' "$sandbox/commands.log" | tail -n 6
     fi
 }
 # vordctl status (the daemon's status snapshot), without blank lines and the
@@ -158,6 +161,7 @@ if [ -n "$ns" ]; then
     echo "-- the base chain tree:"
     ip netns exec "$ns" iptables-save -t mangle | grep -E '^(:vexo|-A (OUTPUT|vexo_MUX ))'
     ip netns exec "$ns" iptables-save -t nat | grep -E 'vexo'
+    echo "-- and the same in the IPv6 tables: $(ip netns exec "$ns" ip6tables-save | grep -c vexo) lines with vexo"
 fi
 
 step "vordctl ifaces wlan0,rmnet_data0 whitelist 10123 gateway 192.168.1.1"
@@ -174,8 +178,9 @@ show_sla_rules
 if [ -n "$ns" ]; then
     echo "-- whitelist chain (gateway exempt, then the whitelisted UID):"
     ip netns exec "$ns" iptables-save -t mangle | grep -E '^-A vexo_MUX_wapper'
-    echo "-- ip rule in $ns:"
+    echo "-- ip rule and ip -6 rule in $ns:"
     ip -n "$ns" rule | grep 14999
+    ip -n "$ns" -6 rule | grep 14999
 else
     grep -E 'vexo_MUX_wapper' "$sandbox/commands.log" | tail -n 2
 fi
@@ -200,8 +205,9 @@ echo "... $(sed -n '/Mux disabled/,$p' "$sandbox/vord.log" | grep -c 'COMMAND - 
 sed -n '/Mux disabled/,$p' "$sandbox/vord.log" | grep -F -e 'enable=' -e "Vord exiting"
 if [ -n "$ns" ]; then
     echo "-- left in $ns after the stop:"
-    { ip netns exec "$ns" iptables-save | grep vexo; ip -n "$ns" rule | grep 14999; } ||
-        echo "(no chain, hook or fwmark rule of vord)"
+    { ip netns exec "$ns" iptables-save | grep vexo; ip netns exec "$ns" ip6tables-save | grep vexo
+      ip -n "$ns" rule | grep 14999; ip -n "$ns" -6 rule | grep 14999; } ||
+        echo "(no chain, hook or fwmark rule of vord, IPv4 or IPv6)"
 fi
 
 
@@ -262,8 +268,11 @@ fi
 if [ -z "$skip_lab" ]; then
     lab="vdemo-$$"
     sls_rules() {  # the selection rules in the lab, "(none)" when there are none
-        "$bin/vord-linklab" exec "$lab" -- iptables-save -t mangle |
-            grep -E '^-A (vexo_SLS|vexo_sls_uid_)' || echo "(no vexo_SLS rule)"
+        local save
+        for save in iptables-save ip6tables-save; do
+            "$bin/vord-linklab" exec "$lab" -- "$save" -t mangle |
+                grep -E '^-A (vexo_SLS|vexo_sls_uid_)' | sed "s/^/$save: /" || echo "(no vexo_SLS rule)"
+        done
     }
 
     step "link lab $lab: wlan0 20 ms + 20 ms, rmnet_data0 15 ms + 15 ms (real delays)"
@@ -272,8 +281,9 @@ if [ -z "$skip_lab" ]; then
     # of ending at the probe's 500 ms receive time-out.
     "$bin/vord-linklab" probe-echo "$lab" fill
     "$bin/vord-linklab" status "$lab" | grep -E 'delay=' | awk '{print "  " $1, $2, $3, $4}'
-    echo "probe server 1.1.1.1:443 and application server 198.18.0.10:8080 live in $lab-peer;"
-    echo "without selection the handset's traffic takes rmnet_data0 (its default route)"
+    echo "probe server 1.1.1.1:443 and application server 198.18.0.10:8080 ([2001:2::10]:8080)"
+    echo "live in $lab-peer; the links are dual-stack (wlan0 fd66:66:1::2, rmnet_data0"
+    echo "fd66:66:2::2); without selection the handset's traffic takes rmnet_data0 (its default route)"
     install_tools "$lab"
 
     step "vord inside the lab; vordctl ifaces wlan0,rmnet_data0; vordctl sls-start 10123"
@@ -294,18 +304,22 @@ if [ -z "$skip_lab" ]; then
         { grep -F "interface ($link) (network level" "$log" || true; } | tail -n 1
     done
     { grep -F "perform switch wlan0" "$log" || true; } | sed -n '1,1p'
-    echo "-- iptables-save -t mangle in $lab: vexo_SLS sends UID 10123 to wlan0"
+    echo "-- iptables-save and ip6tables-save -t mangle in $lab: vexo_SLS sends UID 10123 to wlan0"
     sls_rules
     show_status
 
-    step "an application as UID 10123 talks to the lab's application server"
+    step "an application as UID 10123 talks to the lab's application server, over IPv4 and IPv6"
     "$bin/vord-linklab" client "$lab" --uid 10123 > "$sandbox/client.log" 2>&1 &
     pids+=($!)
     disown
+    "$bin/vord-linklab" client "$lab" --uid 10123 -6 > "$sandbox/client6.log" 2>&1 &
+    pids+=($!)
+    disown
     wait_for "$sandbox/client.log" "connected " 10
-    grep -F "connected " "$sandbox/client.log"
-    echo "-- the server's side (the source rewritten to wlan0's address by vord's MASQUERADE):"
-    { "$bin/vord-linklab" log "$lab" | grep -F "app accept" || true; } | tail -n 1
+    wait_for "$sandbox/client6.log" "connected " 10
+    grep -hF "connected " "$sandbox/client.log" "$sandbox/client6.log"
+    echo "-- the server's side (the source rewritten to wlan0's addresses by vord's MASQUERADE):"
+    { "$bin/vord-linklab" log "$lab" | grep -F "app accept" || true; } | tail -n 2
 
     step "vord-linklab cut $lab wlan0: every wlan0 packet dropped"
     mark=$(wc -l < "$log")
@@ -316,16 +330,18 @@ if [ -z "$skip_lab" ]; then
     log_since "$mark" 'failed.*device is wlan0|Ping (Miss|FAIL) for RTT interface \(wlan0\)' 3
     log_since "$mark" 'perform switch|UID destroying sockets|destroying .* sockets' 4
     wait_for "$sandbox/client.log" "reconnected " 10
-    echo "-- the application:"
+    wait_for "$sandbox/client6.log" "reconnected " 10
+    echo "-- the application's IPv4 and IPv6 connections:"
     grep -E "connection aborted|reconnected " "$sandbox/client.log" | sed -n '1,2p'
-    echo "-- iptables-save -t mangle in $lab: vexo_SLS now sends UID 10123 to rmnet_data0"
+    grep -E "connection aborted|reconnected " "$sandbox/client6.log" | sed -n '1,2p'
+    echo "-- iptables-save and ip6tables-save -t mangle in $lab: vexo_SLS now sends UID 10123 to rmnet_data0"
     sls_rules
     show_status
 
     step "vordctl sls-stop; setprop vendor.sla.enabled 2"
     ctl sls-stop
     for _ in $(seq 1 50); do
-        sls_rules | grep -q '^-A' || break
+        [ -n "$(sls_rules | grep -F ': -A' || true)" ] || break
         sleep 0.1
     done
     sls_rules
@@ -335,8 +351,10 @@ if [ -z "$skip_lab" ]; then
     show_status
     echo "-- left in $lab after the stop:"
     { "$bin/vord-linklab" exec "$lab" -- iptables-save | grep vexo_;
-      "$bin/vord-linklab" exec "$lab" -- ip rule | grep fwmark; } ||
-        echo "(no chain, hook or fwmark rule of vord)"
+      "$bin/vord-linklab" exec "$lab" -- ip6tables-save | grep vexo_;
+      "$bin/vord-linklab" exec "$lab" -- ip rule | grep fwmark;
+      "$bin/vord-linklab" exec "$lab" -- ip -6 rule | grep fwmark; } ||
+        echo "(no chain, hook or fwmark rule of vord, IPv4 or IPv6)"
 
     step "vord-linklab down $lab"
     "$bin/vord-linklab" down "$lab"

@@ -277,6 +277,7 @@ bool Parameters::setValue(const char* key, const char* value) {
         {"rtt_entry_threshold", &m_rttEntryThreshold},
         {"rtt_exit_threshold", &m_rttExitThreshold},
         {"rule_command_timeout_s", &m_ruleCommandTimeoutS},
+        {"ipv6_rules", &m_ipv6Rules},
     };
     for (const IntKey& ik : intKeys) {
         if (k == ik.name) {

@@ -103,6 +103,8 @@ class Parameters {
     int getRttMinCapMs() const { return m_rttMinCapMs.load(); }
     int getGamingPollFreqCnt() const { return m_gamingPollFreqCnt.load(); }
     int getRttServerPort() const { return m_rttServerPort.load(); }
+    // "ipv6_rules": 1 (default) mirrors every rule group in the IPv6 tables.
+    int getIpv6Rules() const { return m_ipv6Rules.load(); }
     void setRttServerPort(int port) { m_rttServerPort.store(port); }
 
     // String values, returned as copies (safe against a concurrent replacement).
@@ -215,6 +217,7 @@ class Parameters {
     std::string m_gamingWhitelist;
     std::string m_rttServer;
     std::atomic<int32_t> m_rttServerPort{443};
+    std::atomic<int32_t> m_ipv6Rules{1};
     std::atomic<int32_t> m_pingPeriodMs{0};
     std::atomic<int32_t> m_rttNoresponseTimeoutMs{0};
     std::atomic<int32_t> m_rttHist{0};

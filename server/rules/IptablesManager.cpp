@@ -8,11 +8,9 @@
 #include <log/log.h>
 
 #include "config/Parameters.h"
-#include "rules/RuleCommand.h"
+#include "rules/RuleFamily.h"
 #include "rules/StartupSweep.h"
 #include "rules/execnetd.h"
-
-using rules::run;
 
 std::mutex g_iptablesMutex;
 
@@ -49,26 +47,25 @@ IptablesManager::IptablesManager() {
     setRuleCommandTimeout(Parameters::instance()->getRuleCommandTimeoutS());
     std::lock_guard<std::mutex> lock(g_iptablesMutex);
     rules::sweepLeftovers();
-    const char* ipt = rules::kIptables;
-    run("%s -w -t mangle -N vexo_MUX", ipt);
-    run("%s -w -t mangle -F vexo_MUX", ipt);
-    run("%s -w -t mangle -N vexo_SLA", ipt);
-    run("%s -w -t mangle -F vexo_SLA", ipt);
-    run("%s -w -t mangle -N vexo_SLS", ipt);
-    run("%s -w -t mangle -F vexo_SLS", ipt);
-    run("%s -w -t mangle -N vexo_MUX_wapper", ipt);
-    run("%s -w -t mangle -F vexo_MUX_wapper", ipt);
-    run("%s -w -t mangle -I vexo_MUX 1 -j vexo_SLS", ipt);
-    run("%s -w -t mangle -I vexo_MUX 2 -m state --state ESTABLISHED,RELATED -j CONNMARK "
-        "--restore-mark",
-        ipt);
-    run("%s -w -t mangle -I vexo_MUX 3 -j vexo_SLA", ipt);
-    run("%s -w -t mangle -D OUTPUT -j vexo_MUX_wapper", ipt);
-    run("%s -w -t mangle -A OUTPUT -j vexo_MUX_wapper", ipt);
-    run("%s -w -t nat -F vexo_nat_POSTROUTING_MUX", ipt);
-    run("%s -w -t nat -N vexo_nat_POSTROUTING_MUX", ipt);
-    run("%s -w -t nat -D POSTROUTING -j vexo_nat_POSTROUTING_MUX", ipt);
-    run("%s -w -t nat -I POSTROUTING -j vexo_nat_POSTROUTING_MUX", ipt);
+    rules::inBothFamilies("IptablesManager", "", [](rules::Family& f) {
+        const char* ipt = f.iptables();
+        for (const char* chain : {"vexo_MUX", "vexo_SLA", "vexo_SLS", "vexo_MUX_wapper"}) {
+            f.optional("%s -w -t mangle -N %s", ipt, chain);
+            f.run("%s -w -t mangle -F %s", ipt, chain);
+        }
+        f.run("%s -w -t mangle -I vexo_MUX 1 -j vexo_SLS", ipt);
+        f.run("%s -w -t mangle -I vexo_MUX 2 -m state --state ESTABLISHED,RELATED -j CONNMARK "
+              "--restore-mark",
+              ipt);
+        f.run("%s -w -t mangle -I vexo_MUX 3 -j vexo_SLA", ipt);
+        f.optional("%s -w -t mangle -D OUTPUT -j vexo_MUX_wapper", ipt);
+        f.run("%s -w -t mangle -A OUTPUT -j vexo_MUX_wapper", ipt);
+        f.optional("%s -w -t nat -F vexo_nat_POSTROUTING_MUX", ipt);
+        f.optional("%s -w -t nat -N vexo_nat_POSTROUTING_MUX", ipt);
+        f.optional("%s -w -t nat -D POSTROUTING -j vexo_nat_POSTROUTING_MUX", ipt);
+        f.run("%s -w -t nat -I POSTROUTING -j vexo_nat_POSTROUTING_MUX", ipt);
+        return 0;
+    });
 }
 
 // Hooks first; every chain is flushed before it is deleted, and deleted only after
@@ -76,19 +73,18 @@ IptablesManager::IptablesManager() {
 IptablesManager::~IptablesManager() {
     {
         std::lock_guard<std::mutex> lock(g_iptablesMutex);
-        const char* ipt = rules::kIptables;
-        run("%s -w -t mangle -D OUTPUT -j vexo_MUX_wapper", ipt);
-        run("%s -w -t nat -D POSTROUTING -j vexo_nat_POSTROUTING_MUX", ipt);
-        run("%s -w -t nat -F vexo_nat_POSTROUTING_MUX", ipt);
-        run("%s -w -t nat -X vexo_nat_POSTROUTING_MUX", ipt);
-        run("%s -w -t mangle -F vexo_MUX_wapper", ipt);
-        run("%s -w -t mangle -X vexo_MUX_wapper", ipt);
-        run("%s -w -t mangle -F vexo_MUX", ipt);
-        run("%s -w -t mangle -X vexo_MUX", ipt);
-        run("%s -w -t mangle -F vexo_SLA", ipt);
-        run("%s -w -t mangle -X vexo_SLA", ipt);
-        run("%s -w -t mangle -F vexo_SLS", ipt);
-        run("%s -w -t mangle -X vexo_SLS", ipt);
+        rules::inBothFamilies("~IptablesManager", "", [](rules::Family& f) {
+            const char* ipt = f.iptables();
+            f.optional("%s -w -t mangle -D OUTPUT -j vexo_MUX_wapper", ipt);
+            f.optional("%s -w -t nat -D POSTROUTING -j vexo_nat_POSTROUTING_MUX", ipt);
+            f.optional("%s -w -t nat -F vexo_nat_POSTROUTING_MUX", ipt);
+            f.optional("%s -w -t nat -X vexo_nat_POSTROUTING_MUX", ipt);
+            for (const char* chain : {"vexo_MUX_wapper", "vexo_MUX", "vexo_SLA", "vexo_SLS"}) {
+                f.optional("%s -w -t mangle -F %s", ipt, chain);
+                f.optional("%s -w -t mangle -X %s", ipt, chain);
+            }
+            return 0;
+        });
     }
     cleanup_SLS_iptables_UID_chains();
     cleanup_MUX_iptables_FWMARK_chains();

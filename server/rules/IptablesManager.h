@@ -78,5 +78,5 @@ class IptablesManager {
     IptablesManager& operator=(const IptablesManager&) = delete;
 
     int fillWrapperChains(const char* func, bool (*serves)(const InterfaceInfo_t&),
-                          const std::vector<std::string>& uids);
+                          const std::vector<std::string>& list);
 };

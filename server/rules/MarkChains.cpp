@@ -7,13 +7,11 @@
 
 #include "config/Parameters.h"
 #include "rules/IptablesManager.h"
-#include "rules/RuleCommand.h"
+#include "rules/RuleFamily.h"
 
 using rules::kIp;
-using rules::kIptables;
 using rules::kMarkMask;
 using rules::kRouteMask;
-using rules::run;
 
 int IptablesManager::create_MUX_FWMARK_chain_for_iface(InterfaceInfo_t* info) {
     static const char* const kFunc = "create_MUX_FWMARK_chain_for_iface";
@@ -29,31 +27,38 @@ int IptablesManager::create_MUX_FWMARK_chain_for_iface(InterfaceInfo_t* info) {
         !rules::chainName(wrapper, kFunc, "vexo_fw_%s_wrapper", info->name)) {
         return -1;
     }
+    const bool wrapped = rules::needsWrapper(*info);
     int result = 0;
     {
         std::lock_guard<std::mutex> lock(g_iptablesMutex);
-        // "-N" fails on a chain left from an earlier run; the "-F" then empties it.
-        run("%s -w -t mangle -N %s", kIptables, chain);
-        result += run("%s -w -t mangle -F %s", kIptables, chain);
-        if (rules::needsWrapper(*info)) {
-            run("%s -w -t mangle -N %s", kIptables, wrapper);
-            result += run("%s -w -t mangle -F %s", kIptables, wrapper);
-        }
-        result += run("%s -w -t mangle -A %s -j MARK --set-mark %s/%s", kIptables, chain,
-                      info->fwmark, kMarkMask);
-        result += run("%s -w -t mangle -A %s -j CONNMARK --save-mark --ctmask %s", kIptables, chain,
-                      kMarkMask);
-        result += run("%s -w -t mangle -A %s -j ACCEPT", kIptables, chain);
-        result += run("%s -4 rule del fwmark %s/%s prio 14999", kIp, info->fwmark, kRouteMask);
-        result += run("%s -4 rule add fwmark %s/%s table %s prio 14999", kIp, info->fwmark,
-                      kRouteMask, info->routeTable);
-        // Delete before append: adding an interface whose rules are still in place
-        // (a repeated add, or a restart after a crash) must not leave a second
-        // MASQUERADE rule that one removal would not take away.
-        result += run("%s -w -t nat -D vexo_nat_POSTROUTING_MUX -o %s -j MASQUERADE", kIptables,
-                      info->name);
-        result += run("%s -w -t nat -A vexo_nat_POSTROUTING_MUX -o %s -j MASQUERADE", kIptables,
-                      info->name);
+        result = rules::inBothFamilies(kFunc, info->name, [&](rules::Family& f) {
+            const char* ipt = f.iptables();
+            int sum = 0;
+            // "-N" fails on a chain left from an earlier run; the "-F" then empties it.
+            f.optional("%s -w -t mangle -N %s", ipt, chain);
+            sum += f.run("%s -w -t mangle -F %s", ipt, chain);
+            if (wrapped) {
+                f.optional("%s -w -t mangle -N %s", ipt, wrapper);
+                sum += f.run("%s -w -t mangle -F %s", ipt, wrapper);
+            }
+            sum += f.run("%s -w -t mangle -A %s -j MARK --set-mark %s/%s", ipt, chain,
+                         info->fwmark, kMarkMask);
+            sum += f.run("%s -w -t mangle -A %s -j CONNMARK --save-mark --ctmask %s", ipt, chain,
+                         kMarkMask);
+            sum += f.run("%s -w -t mangle -A %s -j ACCEPT", ipt, chain);
+            sum += f.optional("%s %s rule del fwmark %s/%s prio 14999", kIp, f.ipFlag(),
+                              info->fwmark, kRouteMask);
+            sum += f.run("%s %s rule add fwmark %s/%s table %s prio 14999", kIp, f.ipFlag(),
+                         info->fwmark, kRouteMask, info->routeTable);
+            // Delete before append: adding an interface whose rules are still in
+            // place (a repeated add, or a restart after a crash) must not leave a
+            // second MASQUERADE rule that one removal would not take away.
+            sum += f.optional("%s -w -t nat -D vexo_nat_POSTROUTING_MUX -o %s -j MASQUERADE", ipt,
+                              info->name);
+            sum += f.run("%s -w -t nat -A vexo_nat_POSTROUTING_MUX -o %s -j MASQUERADE", ipt,
+                         info->name);
+            return sum;
+        });
     }
     if (result != 0) {
         ALOGE("%s Failue when creating FWMARK tables for interface %s ", kFunc, info->name);
@@ -78,16 +83,22 @@ int IptablesManager::remove_MUX_FWMARK_chain_for_iface(InterfaceInfo_t* info) {
     int result = 0;
     {
         std::lock_guard<std::mutex> lock(g_iptablesMutex);
-        // The cascade of every interface goes; the next ratio update rewrites it.
-        run("%s -w -t mangle -F vexo_SLA", kIptables);
-        // Issued whether or not the interface had a wrapper chain.
-        run("%s -w -t mangle -F %s", kIptables, wrapper);
-        result += run("%s -w -t mangle -X %s", kIptables, wrapper);
-        result += run("%s -w -t mangle -F %s", kIptables, chain);
-        result += run("%s -w -t mangle -X %s", kIptables, chain);
-        result += run("%s -4 rule del fwmark %s/%s prio 14999", kIp, info->fwmark, kRouteMask);
-        result += run("%s -w -t nat -D vexo_nat_POSTROUTING_MUX -o %s -j MASQUERADE", kIptables,
-                      info->name);
+        result = rules::inBothFamilies(kFunc, info->name, [&](rules::Family& f) {
+            const char* ipt = f.iptables();
+            int sum = 0;
+            // The cascade of every interface goes; the next ratio update rewrites it.
+            f.optional("%s -w -t mangle -F vexo_SLA", ipt);
+            // Issued whether or not the interface had a wrapper chain.
+            f.optional("%s -w -t mangle -F %s", ipt, wrapper);
+            sum += f.optional("%s -w -t mangle -X %s", ipt, wrapper);
+            sum += f.optional("%s -w -t mangle -F %s", ipt, chain);
+            sum += f.optional("%s -w -t mangle -X %s", ipt, chain);
+            sum += f.optional("%s %s rule del fwmark %s/%s prio 14999", kIp, f.ipFlag(),
+                              info->fwmark, kRouteMask);
+            sum += f.optional("%s -w -t nat -D vexo_nat_POSTROUTING_MUX -o %s -j MASQUERADE", ipt,
+                              info->name);
+            return sum;
+        });
     }
     if (result != 0) {
         ALOGE("%s Failue when removing FWMARK tables for interface %s ", kFunc, info->name);

@@ -13,13 +13,11 @@
 
 #include <algorithm>
 #include <string>
+#include <vector>
 
 #include "config/Parameters.h"
 #include "rules/IptablesManager.h"
-#include "rules/RuleCommand.h"
-
-using rules::kIptables;
-using rules::run;
+#include "rules/RuleFamily.h"
 
 namespace {
 
@@ -37,12 +35,10 @@ std::string linkName(const linkStatsWrapper_t& link) {
     return std::string(link.ifname, strnlen(link.ifname, sizeof(link.ifname)));
 }
 
-int addRule(float p, const char* target) {
-    return run(
-        "%s -w -t mangle -A vexo_SLA -p tcp -m state --state NEW -m statistic --mode "
-        "random --probability %f -j %s",
-        kIptables, static_cast<double>(p), target);
-}
+struct Rule {
+    float p;
+    std::string target;
+};
 
 }  // namespace
 
@@ -54,7 +50,7 @@ int IptablesManager::set_SLA_ratio_iptables(std::map<std::string, linkStatsWrapp
     {
         std::lock_guard<std::mutex> mapLock(g_interfaceMapMutex);
         std::lock_guard<std::mutex> rulesLock(g_iptablesMutex);
-        result += run("%s -w -t mangle -F vexo_SLA", kIptables);
+        std::vector<Rule> cascade;
         float total = 0.0f;
 
         // First pass: non-metered interfaces. The total grows by the probability
@@ -83,7 +79,7 @@ int IptablesManager::set_SLA_ratio_iptables(std::map<std::string, linkStatsWrapp
                 result += -1;
                 continue;
             }
-            result += addRule(p, target);
+            cascade.push_back({p, target});
             total += p;
         }
 
@@ -103,9 +99,21 @@ int IptablesManager::set_SLA_ratio_iptables(std::map<std::string, linkStatsWrapp
             }
             float p = conditionalProbability(link->ratio, total, 0.0f);
             ALOGI("Updated Ratio: %f", static_cast<double>(p));
-            result += addRule(p, target);
+            cascade.push_back({p, target});
             total += link->ratio;
         }
+
+        // The same cascade in both families.
+        result += rules::inBothFamilies(kFunc, "", [&](rules::Family& f) {
+            int sum = f.run("%s -w -t mangle -F vexo_SLA", f.iptables());
+            for (const Rule& rule : cascade) {
+                sum += f.run(
+                    "%s -w -t mangle -A vexo_SLA -p tcp -m state --state NEW -m statistic --mode "
+                    "random --probability %f -j %s",
+                    f.iptables(), static_cast<double>(rule.p), rule.target.c_str());
+            }
+            return sum;
+        });
     }
     if (result != 0) {
         ALOGE("%s Failure when setting SLA Ratios ", kFunc);

@@ -32,18 +32,23 @@ bool refuse(const char* func, const char* what, const char* text) {
 
 }  // namespace
 
-int run(const char* fmt, ...) {
+int runv(const char* fmt, va_list ap, CommandOutcome* outcome) {
     char cmd[kCommandSize];
-    va_list ap;
-    va_start(ap, fmt);
     int n = vsnprintf(cmd, sizeof(cmd), fmt, ap);
-    va_end(ap);
     if (n < 0 || static_cast<size_t>(n) >= sizeof(cmd)) {
         ALOGE("%s command longer than %zu characters refused: %s...", "execnetd", sizeof(cmd) - 1,
               printable(cmd).c_str());
         return -1;
     }
-    return execnetd(cmd);
+    return execnetd(cmd, outcome);
+}
+
+int run(const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int result = runv(fmt, ap, nullptr);
+    va_end(ap);
+    return result;
 }
 
 bool chainName(char (&buf)[kChainSize], const char* func, const char* fmt, const char* name) {
@@ -84,6 +89,19 @@ bool checkUid(const char* func, const char* uid) {
 bool checkGateway(const char* func, const char* address) {
     if (address != nullptr && vord::isIpAddressLiteral(address)) return true;
     return refuse(func, "gateway address", address);
+}
+
+std::vector<std::string> validUids(const char* func, const std::vector<std::string>& uids,
+                                   int* refused) {
+    std::vector<std::string> out;
+    for (const std::string& uid : uids) {
+        if (checkUid(func, uid.c_str())) {
+            out.push_back(uid);
+        } else {
+            ++*refused;
+        }
+    }
+    return out;
 }
 
 bool isCellular(const char* name) {

@@ -8,10 +8,7 @@
 
 #include "config/Parameters.h"
 #include "rules/IptablesManager.h"
-#include "rules/RuleCommand.h"
-
-using rules::kIptables;
-using rules::run;
+#include "rules/RuleFamily.h"
 
 namespace {
 
@@ -38,26 +35,29 @@ int IptablesManager::create_SLS_iptables_UID_for_interface(InterfaceInfo_t* info
     }
     SlsNames names;
     if (!composeNames(names, kFunc, info->name)) return -1;
-    std::vector<std::string> uids = Parameters::instance()->gamingUidList();
-    int result = 0;
+    int refused = 0;
+    const std::vector<std::string> uids =
+        rules::validUids(kFunc, Parameters::instance()->gamingUidList(), &refused);
+    int result = -refused;
     {
         std::lock_guard<std::mutex> lock(g_iptablesMutex);
-        run("%s -w -t mangle -N %s", kIptables, names.select);
-        result += run("%s -w -t mangle -F %s", kIptables, names.select);
-        result += run("%s -w -t mangle -A %s -p udp ! --dport 53 -j %s", kIptables, names.select,
-                      names.mark);
-        result += run("%s -w -t mangle -A %s -p tcp -j %s", kIptables, names.select, names.mark);
-        result += run("%s -w -t mangle -A %s -j ACCEPT", kIptables, names.select);
-        run("%s -w -t mangle -N %s", kIptables, names.uid);
-        result += run("%s -w -t mangle -F %s", kIptables, names.uid);
-        for (const std::string& uid : uids) {
-            if (!rules::checkUid(kFunc, uid.c_str())) {
-                result += -1;
-                continue;
+        result += rules::inBothFamilies(kFunc, info->name, [&](rules::Family& f) {
+            const char* ipt = f.iptables();
+            int sum = 0;
+            f.optional("%s -w -t mangle -N %s", ipt, names.select);
+            sum += f.run("%s -w -t mangle -F %s", ipt, names.select);
+            sum += f.run("%s -w -t mangle -A %s -p udp ! --dport 53 -j %s", ipt, names.select,
+                         names.mark);
+            sum += f.run("%s -w -t mangle -A %s -p tcp -j %s", ipt, names.select, names.mark);
+            sum += f.run("%s -w -t mangle -A %s -j ACCEPT", ipt, names.select);
+            f.optional("%s -w -t mangle -N %s", ipt, names.uid);
+            sum += f.run("%s -w -t mangle -F %s", ipt, names.uid);
+            for (const std::string& uid : uids) {
+                sum += f.run("%s -w -t mangle -A %s -m owner --uid-owner %s -j %s", ipt,
+                             names.uid, uid.c_str(), names.select);
             }
-            result += run("%s -w -t mangle -A %s -m owner --uid-owner %s -j %s", kIptables,
-                          names.uid, uid.c_str(), names.select);
-        }
+            return sum;
+        });
     }
     if (result != 0) {
         ALOGE("%s Failue when creating UID tables for interface %s ", kFunc, info->name);
@@ -77,11 +77,15 @@ int IptablesManager::remove_SLS_iptables_UID_for_interface(InterfaceInfo_t* info
     int result = 0;
     {
         std::lock_guard<std::mutex> lock(g_iptablesMutex);
-        result += run("%s  -w -t mangle -D vexo_SLS -j %s", kIptables, names.uid);
-        result += run("%s -w -t mangle -F %s", kIptables, names.select);
-        result += run("%s -w -t mangle -F %s", kIptables, names.uid);
-        result += run("%s -w -t mangle -X %s", kIptables, names.select);
-        result += run("%s -w -t mangle -X %s", kIptables, names.uid);
+        result = rules::inBothFamilies(kFunc, info->name, [&](rules::Family& f) {
+            const char* ipt = f.iptables();
+            int sum = f.optional("%s  -w -t mangle -D vexo_SLS -j %s", ipt, names.uid);
+            sum += f.optional("%s -w -t mangle -F %s", ipt, names.select);
+            sum += f.optional("%s -w -t mangle -F %s", ipt, names.uid);
+            sum += f.optional("%s -w -t mangle -X %s", ipt, names.select);
+            sum += f.optional("%s -w -t mangle -X %s", ipt, names.uid);
+            return sum;
+        });
     }
     if (result != 0) {
         ALOGE("%s Failue when removing UID tables for interface %s ", kFunc, info->name);
@@ -108,8 +112,10 @@ int IptablesManager::set_SLS_interface(const char* ifname) {
     int result = 0;
     {
         std::lock_guard<std::mutex> lock(g_iptablesMutex);
-        result += run("%s  -w -t mangle -F vexo_SLS", kIptables);
-        result += run("%s  -w -t mangle -A vexo_SLS -j %s", kIptables, uidChain);
+        result = rules::inBothFamilies(kFunc, ifname, [&](rules::Family& f) {
+            int sum = f.run("%s  -w -t mangle -F vexo_SLS", f.iptables());
+            return sum + f.run("%s  -w -t mangle -A vexo_SLS -j %s", f.iptables(), uidChain);
+        });
     }
     if (result != 0) {
         ALOGE("%s Failue during SLS interface switch  %s %s ", kFunc, ifname, uidChain);

@@ -5,9 +5,14 @@
 #include <log/log.h>
 
 #include <string.h>
+#include <unistd.h>
 
 #include <sstream>
+#include <utility>
 
+#include <vord/RootPath.h>
+
+#include "counters/Counters.h"
 #include "rules/RuleCommand.h"
 #include "rules/execnetd.h"
 
@@ -35,22 +40,29 @@ std::vector<std::string> words(const std::string& line) {
     return out;
 }
 
+// Counts a started IPv6 command in the IPv6 share of the counters.
+int counted(int result, bool ipv6) {
+    if (ipv6 && result == 0) vord::bump(vord::counters().ipv6RuleCommandsRun);
+    return result;
+}
+
 // Runs a listing command; its output, or an empty text when it could not run.
-std::string listing(const std::string& cmd) {
+std::string listing(const std::string& cmd, bool ipv6) {
     std::string out;
-    if (execnetd(cmd.c_str(), &out) != 0) return "";
+    if (counted(execnetd(cmd.c_str(), nullptr, &out), ipv6) != 0) return "";
     return out;
 }
 
 }  // namespace
 
 const std::vector<ToolTable>& sweptTables() {
-    static const std::vector<ToolTable> tables = {{kIptables, "mangle"}, {kIptables, "nat"}};
+    static const std::vector<ToolTable> tables = {
+            {kIptables, "mangle"}, {kIptables, "nat"}, {kIp6tables, "mangle"}, {kIp6tables, "nat"}};
     return tables;
 }
 
 const std::vector<RuleFamily>& sweptRuleFamilies() {
-    static const std::vector<RuleFamily> families = {{kIp, "-4"}};
+    static const std::vector<RuleFamily> families = {{kIp, "-4"}, {kIp, "-6"}};
     return families;
 }
 
@@ -87,18 +99,22 @@ std::vector<std::string> ruleSweep(const RuleFamily& f, const std::string& text)
 }
 
 void sweepLeftovers() {
-    std::vector<std::string> cmds;
+    std::vector<std::pair<std::string, bool>> cmds;  // and whether IPv6
     for (const ToolTable& t : sweptTables()) {
+        // A tool the device lacks (no IPv6 wrapper) has left nothing to sweep.
+        if (access(vord::resolvePath(t.tool).c_str(), X_OK) != 0) continue;
+        const bool ipv6 = strcmp(t.tool, kIp6tables) == 0;
         const std::string list = std::string(t.tool) + " -w -t " + t.table + " -S";
-        for (std::string& c : chainSweep(t, listing(list))) cmds.push_back(std::move(c));
+        for (std::string& c : chainSweep(t, listing(list, ipv6))) cmds.emplace_back(std::move(c), ipv6);
     }
     for (const RuleFamily& f : sweptRuleFamilies()) {
+        const bool ipv6 = strcmp(f.family, "-6") == 0;
         const std::string list = std::string(f.tool) + " " + f.family + " rule show";
-        for (std::string& c : ruleSweep(f, listing(list))) cmds.push_back(std::move(c));
+        for (std::string& c : ruleSweep(f, listing(list, ipv6))) cmds.emplace_back(std::move(c), ipv6);
     }
     if (cmds.empty()) return;
     ALOGW("sweeping rules an earlier run left behind: %zu commands", cmds.size());
-    for (const std::string& c : cmds) run("%s", c.c_str());
+    for (const auto& c : cmds) counted(run("%s", c.first.c_str()), c.second);
 }
 
 }  // namespace rules

@@ -5,9 +5,10 @@
 // knows nothing about: the chains of a link it is not given again would stay for
 // ever, and a later clean shutdown, which removes the rules of the links it knows,
 // would not take them away. So at start, in every table of every rule tool the
-// daemon uses, every chain whose name carries the daemon's prefix ("vexo_") is
-// emptied and deleted, together with the built-in chains' jumps into it, and in
-// every address family every policy rule at the daemon's priority is deleted. A
+// daemon uses (iptables and ip6tables, mangle and nat), every chain whose name
+// carries the daemon's prefix ("vexo_") is emptied and deleted, together with the
+// built-in chains' jumps into it, and in both address families every policy rule
+// at the daemon's priority is deleted. A
 // restart after a crash at any point then converges to exactly the rules of the
 // links it is given. The sweep only deletes, so it can itself be cut short by a
 // crash: the next start sweeps again.

@@ -77,8 +77,8 @@ std::atomic<int> g_timeoutSeconds{kDefaultRuleCommandTimeoutSeconds};
 using Clock = std::chrono::steady_clock;
 
 // The tool's output: logged one piece per line, or per kOutputPiece characters of
-// a longer line, and the start of it kept; or, for a listing the daemon reads,
-// collected whole into `collected` and not logged.
+// a longer line, and the start of it kept; for a listing the daemon reads,
+// collected whole into `collected` instead of being logged.
 class ToolOutput {
   public:
     ToolOutput(const char* cmd, std::string* collected) : cmd_(cmd), collected_(collected) {}
@@ -103,11 +103,11 @@ class ToolOutput {
 
   private:
     void add(const char* data, size_t n) {
+        if (kept_.size() < kKeptOutput) kept_.append(data, std::min(n, kKeptOutput - kept_.size()));
         if (collected_ != nullptr) {
             collected_->append(data, n);
             return;
         }
-        if (kept_.size() < kKeptOutput) kept_.append(data, std::min(n, kKeptOutput - kept_.size()));
         for (size_t i = 0; i < n; ++i) {
             piece_.push_back(data[i]);
             if (data[i] == '\n' || piece_.size() == kOutputPiece) log();
@@ -185,7 +185,7 @@ std::string describeFailure(int status, bool killed) {
 
 }  // namespace
 
-int execnetd(const char* cmd, std::string* collected) {
+int execnetd(const char* cmd, CommandOutcome* outcome, std::string* listing) {
     if (cmd == nullptr) cmd = "";
     size_t len = strlen(cmd);
     if (len + kStderrSuffix >= kLineSize) {
@@ -245,7 +245,7 @@ int execnetd(const char* cmd, std::string* collected) {
     }
     vord::bump(vord::counters().ruleCommandsRun);
     ALOGI("SEND SLA NDC COMMAND - PASS  %s\n", cmd);
-    ToolOutput output(cmd, collected);
+    ToolOutput output(cmd, listing);
     bool killed = false;
     const int status = superviseTool(pid, fds[0], output, killed);
     close(fds[0]);
@@ -255,6 +255,11 @@ int execnetd(const char* cmd, std::string* collected) {
         ALOGE("%s command failed (%s): %s", "execnetd", result.c_str(), cmd);
         vord::bump(vord::counters().ruleCommandsFailed);
         vord::recordRuleFailure({cmd, result, vord::escapeForLog(kept, kKeptOutput)});
+    }
+    if (outcome != nullptr) {
+        outcome->started = true;
+        outcome->exitStatus = !killed && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        outcome->firstLine = kept.substr(0, kept.find('\n'));
     }
     return 0;
 }

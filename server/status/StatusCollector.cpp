@@ -142,6 +142,7 @@ void collect(Parameters* params, SlaStatsImpl* sla, const Snapshot& previous, Sn
     s.gateways = static_cast<uint32_t>(params->wifiGateways().size());
     s.dwMonitor = params->isDWMonitorStatus();
     s.dwSelect = params->getDoubleWifiSelectStatus();
+    s.ipv6Rules = params->getIpv6Rules() != 0;
 
     const Counters& c = counters();
     s.controlServed = load(c.controlRecordsServed);
@@ -149,6 +150,9 @@ void collect(Parameters* params, SlaStatsImpl* sla, const Snapshot& previous, Sn
     s.ruleCommandsRun = load(c.ruleCommandsRun);
     s.ruleCommandsNotStarted = load(c.ruleCommandsNotStarted);
     s.ruleCommandsFailed = load(c.ruleCommandsFailed);
+    s.ipv6RuleCommandsRun = load(c.ipv6RuleCommandsRun);
+    s.ipv6RuleCommandsNotStarted = load(c.ipv6RuleCommandsNotStarted);
+    s.ipv6RuleGroupsFailed = load(c.ipv6RuleGroupsFailed);
     s.socketsDestroyed = load(c.socketsDestroyed);
     s.linkSwitches = load(c.linkSwitches);
     RuleFailure failure = lastRuleFailure();

@@ -36,6 +36,9 @@ bool sameContent(const Snapshot& a, const Snapshot& b) {
            a.slaWhitelist == b.slaWhitelist && a.gamingUids == b.gamingUids &&
            a.dwWhitelist == b.dwWhitelist && a.ddWhitelist == b.ddWhitelist &&
            a.gateways == b.gateways && a.dwMonitor == b.dwMonitor && a.dwSelect == b.dwSelect &&
+           a.ipv6Rules == b.ipv6Rules && a.ipv6RuleCommandsRun == b.ipv6RuleCommandsRun &&
+           a.ipv6RuleCommandsNotStarted == b.ipv6RuleCommandsNotStarted &&
+           a.ipv6RuleGroupsFailed == b.ipv6RuleGroupsFailed &&
            a.gamingUidList == b.gamingUidList && a.controlServed == b.controlServed &&
            a.controlRefused == b.controlRefused && a.ruleCommandsRun == b.ruleCommandsRun &&
            a.ruleCommandsNotStarted == b.ruleCommandsNotStarted &&
@@ -135,11 +138,15 @@ std::string format(const Snapshot& s) {
     w.flag("features.dw_monitor", s.dwMonitor);
     w.number("features.dw_select", s.dwSelect);
     w.text("features.gaming_uid_list", s.gamingUidList);
+    w.flag("features.ipv6_rules", s.ipv6Rules);
     w.unsignedNumber("counters.control_served", s.controlServed);
     w.unsignedNumber("counters.control_refused", s.controlRefused);
     w.unsignedNumber("counters.rule_commands_run", s.ruleCommandsRun);
     w.unsignedNumber("counters.rule_commands_not_started", s.ruleCommandsNotStarted);
     w.unsignedNumber("counters.rule_commands_failed", s.ruleCommandsFailed);
+    w.unsignedNumber("counters.ipv6_rule_commands_run", s.ipv6RuleCommandsRun);
+    w.unsignedNumber("counters.ipv6_rule_commands_not_started", s.ipv6RuleCommandsNotStarted);
+    w.unsignedNumber("counters.ipv6_rule_groups_failed", s.ipv6RuleGroupsFailed);
     w.unsignedNumber("counters.sockets_destroyed", s.socketsDestroyed);
     w.unsignedNumber("counters.link_switches", s.linkSwitches);
     w.text("rules.last_failed_command", s.lastFailedCommand);
@@ -250,11 +257,18 @@ const std::vector<Field>& topFields() {
         {"features.gateways", [](Snapshot& s, const std::string& v) { return toU32(v, &s.gateways); }},
         {"features.dw_monitor", [](Snapshot& s, const std::string& v) { return toFlag(v, &s.dwMonitor); }},
         {"features.dw_select", [](Snapshot& s, const std::string& v) { return toInt(v, &s.dwSelect); }},
+        {"features.ipv6_rules", [](Snapshot& s, const std::string& v) { return toFlag(v, &s.ipv6Rules); }},
         {"counters.control_served", [](Snapshot& s, const std::string& v) { return toU64(v, &s.controlServed); }},
         {"counters.control_refused", [](Snapshot& s, const std::string& v) { return toU64(v, &s.controlRefused); }},
         {"counters.rule_commands_run", [](Snapshot& s, const std::string& v) { return toU64(v, &s.ruleCommandsRun); }},
         {"counters.rule_commands_not_started",
          [](Snapshot& s, const std::string& v) { return toU64(v, &s.ruleCommandsNotStarted); }},
+        {"counters.ipv6_rule_commands_run",
+         [](Snapshot& s, const std::string& v) { return toU64(v, &s.ipv6RuleCommandsRun); }},
+        {"counters.ipv6_rule_commands_not_started",
+         [](Snapshot& s, const std::string& v) { return toU64(v, &s.ipv6RuleCommandsNotStarted); }},
+        {"counters.ipv6_rule_groups_failed",
+         [](Snapshot& s, const std::string& v) { return toU64(v, &s.ipv6RuleGroupsFailed); }},
         {"counters.sockets_destroyed", [](Snapshot& s, const std::string& v) { return toU64(v, &s.socketsDestroyed); }},
         {"counters.link_switches", [](Snapshot& s, const std::string& v) { return toU64(v, &s.linkSwitches); }},
         {"features.gaming_uid_list", text(&Snapshot::gamingUidList), true},

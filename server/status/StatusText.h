@@ -88,6 +88,7 @@ struct Snapshot {
     uint32_t gateways = 0;
     bool dwMonitor = false;
     int dwSelect = 0;
+    bool ipv6Rules = false;  // rule groups mirrored in the IPv6 tables ("ipv6_rules")
 
     // Counters since the daemon started.
     uint64_t controlServed = 0;
@@ -95,6 +96,11 @@ struct Snapshot {
     uint64_t ruleCommandsRun = 0;
     uint64_t ruleCommandsNotStarted = 0;
     uint64_t ruleCommandsFailed = 0;  // exited non-zero or killed
+    // Of the run and not-started counts, the IPv6 commands; and IPv6 halves of rule groups that were
+    // skipped (no IPv6 tool) or left incomplete.
+    uint64_t ipv6RuleCommandsRun = 0;
+    uint64_t ipv6RuleCommandsNotStarted = 0;
+    uint64_t ipv6RuleGroupsFailed = 0;
     uint64_t socketsDestroyed = 0;
     uint64_t linkSwitches = 0;
 

@@ -1,9 +1,10 @@
 // A link lab (tools/linklab) for end-to-end tests: a handset namespace with
-// links named like the handset's ("wlan0", "rmnet_data0", ...), each a TUN
-// device with a real one-way delay in each direction, route tables named after
-// the links, and behind them a peer namespace with the probe echo server
-// (1.1.1.1:443) and an application server (198.18.0.10:8080) that tells each
-// client which link its connection came in on. Links can be cut, restored and
+// dual-stack (or IPv6-only) links named like the handset's ("wlan0",
+// "rmnet_data0", ...), each a TUN device with a real one-way delay in each
+// direction, route tables named after the links, and behind them a peer
+// namespace with the probe echo server (1.1.1.1:443, [2606:4700:4700::1111]:443)
+// and an application server (198.18.0.10:8080, [2001:2::10]:8080) that tells
+// each client which link its connection came in on. Links can be cut, restored and
 // re-timed while everything runs. The destructor removes the lab, and every
 // process still inside it.
 //
@@ -82,6 +83,7 @@ class LinkLab {
     struct Link {
         std::string name;
         int oneWayMs;  // each direction; the round trip is twice this
+        bool ipv6Only = false;
     };
 
     // Why a lab cannot be built here ("" when it can): not root, no TUN.
@@ -98,7 +100,9 @@ class LinkLab {
         static int counter = 0;
         name_ = "vlab-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
         std::string cmd = tool() + " up " + name_;
-        for (const Link& l : links) cmd += " " + l.name + "=" + std::to_string(l.oneWayMs);
+        for (const Link& l : links) {
+            cmd += " " + l.name + "=" + std::to_string(l.oneWayMs) + (l.ipv6Only ? " --ipv6-only " + l.name : "");
+        }
         if (!defaultLink.empty()) cmd += " --default " + defaultLink;
         std::string out;
         if (shell(cmd, &out) != 0) error_ = "\"" + cmd + "\" failed: " + out;
@@ -143,10 +147,10 @@ class LinkLab {
     // Prefix that runs a program inside the handset namespace, with the lab's
     // route-table names known to ip (for DaemonProcess::setCommandPrefix).
     std::vector<std::string> commandPrefix() const { return {tool(), "exec", name_, "--"}; }
-    // Installs the rule tools in `root`: the real iptables and ip, for a daemon
-    // running in the lab (commandPrefix), whose namespace they inherit.
+    // Installs the rule tools in `root`: the real iptables, ip6tables and ip, for
+    // a daemon running in the lab (commandPrefix), whose namespace they inherit.
     static void installTools(const TempRoot& root) {
-        for (const std::string t : {"iptables", "ip"}) {
+        for (const std::string t : {"iptables", "ip6tables", "ip"}) {
             root.writeFile("/system/bin/" + t + "-wrapper-1.0", "#!/bin/sh\nexec " + t + " \"$@\"\n", 0755);
         }
     }
@@ -164,10 +168,17 @@ class LinkLab {
     }
 
     // An application client running as `uid` in the handset namespace, talking
-    // to the application server every 100 ms.
-    std::unique_ptr<LabClient> startClient(int uid) const {
-        return std::make_unique<LabClient>(std::vector<std::string>{
-                tool(), "client", name_, "--uid", std::to_string(uid), "--interval", "100"});
+    // to the application server (its IPv6 address with `ipv6`) every 100 ms.
+    std::unique_ptr<LabClient> startClient(int uid, bool ipv6 = false) const {
+        std::vector<std::string> args{tool(), "client", name_, "--uid", std::to_string(uid), "--interval", "100"};
+        if (ipv6) args.push_back("-6");
+        return std::make_unique<LabClient>(args);
+    }
+    // `n` new connections of `uid` to the application server, one after the
+    // other: "connections=N failed=F LINK=COUNT ...".
+    std::string connections(int uid, int n, bool ipv6) const {
+        return output("client " + name_ + " --uid " + std::to_string(uid) + " --connections " +
+                      std::to_string(n) + (ipv6 ? " -6" : ""));
     }
 
     static std::string tool() { return binPath("vord-linklab"); }
@@ -242,7 +253,7 @@ class LabTest : public ::testing::Test {
         std::string out;
         ASSERT_EQ(0, test::vordctl(root, args, &out)) << args << ": " << out;
     }
-    std::string mangle() const { return lab->exec("iptables-save -t mangle"); }
+    std::string mangle(bool v6 = false) const { return lab->exec(v6 ? "ip6tables-save -t mangle" : "iptables-save -t mangle"); }
 
     // A user id of no one on the host, as the daemon's own on the device.
     static constexpr int kDaemonUid = 2950;

@@ -1,5 +1,6 @@
-// The link lab itself: delays as set, cuts, routing, the application client, the
-// probe echo's fill mode, and a teardown that leaves nothing behind. The daemon
+// The link lab itself: delays as set over IPv4 and IPv6 (an IPv6-only link
+// carries no IPv4), cuts, routing, the application client, the probe echo's fill
+// mode, and a teardown that leaves nothing behind. The daemon
 // inside the lab is the other end-to-end tests' business.
 #include <gtest/gtest.h>
 
@@ -33,7 +34,7 @@ class LinkLabE2E : public LabTest {};
 // One lab through every phase: delays, routing and the application client, cuts,
 // the probe exchange in fill mode, and the teardown.
 TEST_F(LinkLabE2E, DelaysRoutesCutsFillModeAndTeardown) {
-    const std::vector<LinkLab::Link> links = {{"wlan0", 20}, {"wlan1", 25}, {"rmnet_data0", 15}};
+    const std::vector<LinkLab::Link> links = {{"wlan0", 20}, {"wlan1", 25}, {"rmnet_data0", 15, true}};
     ASSERT_NO_FATAL_FAILURE(buildLab(links, "wlan0"));
     // A counter of one link in the lab's status ("dropped", "down_packets", ...).
     auto counter = [&](const std::string& link, const std::string& field) {
@@ -46,17 +47,25 @@ TEST_F(LinkLabE2E, DelaysRoutesCutsFillModeAndTeardown) {
     };
     // The kernel RTT of each link is twice its one-way delay; a probe again when a
     // busy machine stretched one sample.
-    auto expectRtt = [&](const std::string& link, int oneWayMs) {
+    auto expectRtt = [&](const std::string& link, int oneWayMs, const std::string& args = "") {
         const long want = 2000L * oneWayMs, slack = 1000 + want / 20;
         long rtt = -1;
-        for (int attempt = 0; attempt < 3 && std::labs(rtt - want) > slack; ++attempt) rtt = rttUs(link);
-        EXPECT_NEAR(rtt, want, slack) << link;
+        for (int attempt = 0; attempt < 3 && std::labs(rtt - want) > slack; ++attempt) rtt = rttUs(link, args);
+        EXPECT_NEAR(rtt, want, slack) << link << args;
     };
-    for (const LinkLab::Link& l : links) expectRtt(l.name, l.oneWayMs);
+    // Over IPv6 a socket bound to a link that does not carry the main route finds
+    // one only through the link's oif rule.
+    for (const LinkLab::Link& l : links) {
+        if (!l.ipv6Only) expectRtt(l.name, l.oneWayMs);
+        expectRtt(l.name, l.oneWayMs, "-6");
+    }
+    EXPECT_EQ(rttUs("rmnet_data0", "--exchanges 1 --timeout 300"), -1);  // no IPv4 there
     // Every probe left through its own link and address.
     const std::string connections = lab->connectionLog();
     for (size_t i = 0; i < links.size(); ++i) {
-        EXPECT_NE(connections.find("echo accept peer=10.66." + std::to_string(i + 1) + ".2:"), std::string::npos);
+        const std::string n = std::to_string(i + 1);
+        EXPECT_EQ(connections.find("echo accept peer=10.66." + n + ".2:") != std::string::npos, !links[i].ipv6Only);
+        EXPECT_NE(connections.find("echo accept peer=[fd66:66:" + n + "::2]:"), std::string::npos);
         EXPECT_NE(connections.find(" link=" + links[i].name + "\n"), std::string::npos) << connections;
     }
     ASSERT_TRUE(lab->setDelay("wlan0", 5));
@@ -64,9 +73,10 @@ TEST_F(LinkLabE2E, DelaysRoutesCutsFillModeAndTeardown) {
     EXPECT_NE(lab->status().find("wlan0 delay=5ms rtt=10ms state=up"), std::string::npos) << lab->status();
     EXPECT_FALSE(lab->setDelay("wlan7", 5));
 
-    // The app client follows the main route.
+    // The app client follows the main route, in each family.
     auto app = lab->startClient(10123);
     EXPECT_EQ(LabClient::linkOf(app->waitForLine("connected ", 5s)), "wlan0") << app->output();
+    EXPECT_EQ(lab->connections(10123, 3, true), "connections=3 failed=0 wlan0=3\n");
 
     // Its connection over a cut link stalls, then carries on when restored.
     ASSERT_TRUE(lab->cut("wlan0"));
@@ -81,7 +91,7 @@ TEST_F(LinkLabE2E, DelaysRoutesCutsFillModeAndTeardown) {
     ASSERT_TRUE(lab->cut("wlan0"));
     const long delivered = counter("wlan0", "down_packets");
     EXPECT_EQ(rttUs("wlan0", "--exchanges 1 --timeout 300"), -1);
-    EXPECT_GT(rttUs("rmnet_data0", "--exchanges 1 --timeout 300"), 0);
+    EXPECT_GT(rttUs("rmnet_data0", "-6 --exchanges 1 --timeout 300"), 0);
     EXPECT_NE(lab->status().find("wlan0 delay=5ms rtt=10ms state=cut"), std::string::npos);
     const long dropped = counter("wlan0", "dropped");
     EXPECT_GT(dropped, 0) << lab->status();

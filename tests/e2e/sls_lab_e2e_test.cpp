@@ -42,8 +42,9 @@ class SlsLabE2E : public LabTest {
     SlsLabE2E() { leastPrivilege = true; }
 };
 
-// Selection of the faster link, a switch when it is cut, then game mode and a
-// voice call, and a shutdown that leaves no rule behind.
+// Selection of the faster link, a switch when it is cut (moving the game's IPv4
+// and IPv6 connections), then game mode and a voice call, and a shutdown that
+// leaves no rule behind in either family.
 TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
     // 40 ms and 30 ms round trips; without selection traffic takes rmnet_data0.
     // The echo's two bytes more per exchange complete the probe's 60-byte
@@ -53,7 +54,7 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
     root.writeFile("/proc/sla/config", "");
     ASSERT_NO_FATAL_FAILURE(startDaemon(kConf));
     auto snapshot = [&](status::Snapshot* out) { return status::parse(root.readFile(kSnapshot), out, nullptr); };
-    auto chainsGone = [&] { return mangle().find("vexo_sls_") == std::string::npos; };
+    auto chainsGone = [&] { return (mangle() + mangle(true)).find("vexo_sls_") == std::string::npos; };
     auto probes = [&] { return daemon->countLog("TCPing cacla rtt is "); };
     // True when probing has stopped: no new probe result for a while.
     auto probingStopped = [&] {
@@ -77,20 +78,23 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
         EXPECT_GE(close * 5, got.size() * 4) << link << ": " << all;  // a busy host may stretch one
     }
     ASSERT_TRUE(daemon->waitForLog("calcInterface SLA_RTT_SELECTED perform switch wlan0 ", 10s)) << daemon->log();
-    EXPECT_NE(mangle().find("-A vexo_SLS -j vexo_sls_uid_wlan0"), std::string::npos) << mangle();
+    for (bool v6 : {false, true}) EXPECT_NE(mangle(v6).find("-A vexo_SLS -j vexo_sls_uid_wlan0"), std::string::npos) << mangle(v6);
 
     status::Snapshot before;
     ASSERT_TRUE(waitFor([&] { return snapshot(&before) && before.current == "wlan0"; }, 5s));
 
-    auto game = lab->startClient(10123);
-    auto other = lab->startClient(10456);
-    EXPECT_EQ("wlan0", LabClient::linkOf(game->waitForLine("connected ", 5s))) << game->output();
-    EXPECT_EQ("rmnet_data0", LabClient::linkOf(other->waitForLine("connected ", 5s))) << other->output();
+    // The game and another app, each over IPv4 and over IPv6.
+    auto game = lab->startClient(10123), game6 = lab->startClient(10123, true);
+    auto other = lab->startClient(10456), other6 = lab->startClient(10456, true);
+    for (LabClient* app : {game.get(), game6.get()})
+        EXPECT_EQ("wlan0", LabClient::linkOf(app->waitForLine("connected ", 5s))) << app->output();
+    for (LabClient* app : {other.get(), other6.get()})
+        EXPECT_EQ("rmnet_data0", LabClient::linkOf(app->waitForLine("connected ", 5s))) << app->output();
 
     ASSERT_TRUE(lab->cut("wlan0"));  // the reaction time is the benchmark's business
     ASSERT_TRUE(daemon->waitForLog("calcInterface SLA_RTT_SELECTED perform switch rmnet_data0 ", 15s)) << daemon->log();
-    EXPECT_TRUE(waitFor([&] { return mangle().find("-A vexo_SLS -j vexo_sls_uid_rmnet_data0") != std::string::npos; }, 2s))
-        << mangle();
+    EXPECT_TRUE(waitFor([&] { return mangle(true).find("-A vexo_SLS -j vexo_sls_uid_rmnet_data0") != std::string::npos; }, 2s))
+        << mangle(true);
     // The snapshot shows the new link, one switch more and the cut link failed.
     status::Snapshot after;
     EXPECT_TRUE(waitFor([&] {
@@ -99,11 +103,15 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
                            [](const status::LinkStatus& l) { return l.name == "wlan0" && l.level == 1; });
     }, 3s)) << root.readFile(kSnapshot);
     EXPECT_EQ(after.linkSwitches, before.linkSwitches + 1);
-    // The game's connection is destroyed and comes back over rmnet_data0.
-    EXPECT_NE("", game->waitForLine("connection aborted: ECONNABORTED", 5s)) << game->output();
-    EXPECT_EQ("rmnet_data0", LabClient::linkOf(game->waitForLine("reconnected ", 5s))) << game->output();
+    // The game's connections are destroyed and come back over rmnet_data0, the
+    // IPv6 one from that link's IPv6 address.
+    for (LabClient* app : {game.get(), game6.get()}) {
+        EXPECT_NE("", app->waitForLine("connection aborted: ECONNABORTED", 5s)) << app->output();
+        EXPECT_EQ("rmnet_data0", LabClient::linkOf(app->waitForLine("reconnected ", 5s))) << app->output();
+    }
+    EXPECT_NE(game6->waitForLine("reconnected ", 1s).find(" peer=[fd66:66:2::2]:"), std::string::npos) << game6->output();
     std::this_thread::sleep_for(300ms);
-    EXPECT_TRUE(other->linesStartingWith("connection").empty()) << other->output();
+    for (LabClient* app : {other.get(), other6.get()}) EXPECT_TRUE(app->linesStartingWith("connection").empty()) << app->output();
 
     vordctl("sls-stop");
     EXPECT_TRUE(waitFor(chainsGone, 5s)) << mangle();
@@ -140,8 +148,8 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
 
     // Shutdown leaves no rule behind.
     EXPECT_TRUE(daemon->stopThroughProperty()) << daemon->log();
-    EXPECT_EQ("", lab->exec("iptables-save | grep vexo_"));
-    EXPECT_EQ(std::string::npos, lab->exec("ip rule").find("fwmark")) << lab->exec("ip rule");
+    EXPECT_EQ("", lab->exec("iptables-save | grep vexo_") + lab->exec("ip6tables-save | grep vexo_"));
+    for (const char* rules : {"ip rule", "ip -6 rule"}) EXPECT_EQ(std::string::npos, lab->exec(rules).find("fwmark")) << lab->exec(rules);
 }
 
 }  // namespace

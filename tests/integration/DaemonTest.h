@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,11 +25,7 @@ class DaemonTest : public ::testing::Test {
     // install is a recording stand-in. A short loop period (the default conf)
     // keeps the shutdown through the property quick.
     void startDaemon(const std::string& conf = "mini_est_interval=100\n") {
-        for (const char* tool : {"iptables-wrapper-1.0", "ip-wrapper-1.0"}) {
-            if (access(root.at(std::string("/system/bin/") + tool).c_str(), F_OK) != 0) {
-                root.installRecordingTool(tool);
-            }
-        }
+        installMissingRuleTools(root);
         if (!conf.empty()) root.writeConf(conf);
         daemon.start();
         ASSERT_TRUE(daemon.waitUntilServing()) << daemon.log();
@@ -40,10 +37,15 @@ class DaemonTest : public ::testing::Test {
         return waitFor([&] { return status::parse(root.readFile(kSnapshot), &last, nullptr) && pred(last); },
                        timeout);
     }
-    // True when the newest "vexo_SLA" cascade in the recorded commands sends, in
-    // order, to the targets of `want` with their probabilities (within 0.01).
-    bool newestCascadeIs(const std::vector<std::pair<std::string, double>>& want) const {
-        const std::string cmds = root.recordedCommands();
+    // True when the newest "vexo_SLA" cascade in the commands `tool` recorded
+    // sends, in order, to the targets of `want` with their probabilities (within 0.01).
+    bool newestCascadeIs(const std::vector<std::pair<std::string, double>>& want,
+                         const std::string& tool = "iptables-wrapper-1.0") const {
+        std::string cmds;
+        std::istringstream all(root.recordedCommands());
+        for (std::string l; std::getline(all, l);) {
+            if (l.compare(0, tool.size() + 13, "/system/bin/" + tool + " ") == 0) cmds += l + "\n";
+        }
         size_t at = cmds.rfind("-F vexo_SLA");
         for (const auto& rule : want) {
             char target[64];

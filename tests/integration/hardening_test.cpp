@@ -19,7 +19,7 @@ using namespace vord::test;
 TEST_F(DaemonTest, RefusalsBuildNothingClampedCacheCutBlockAndDirectoryConf) {
     root.writeFile("/proc/sla/config", "");
     // Rule tools that record each command and then fail it; the first one hangs.
-    for (const char* tool : {"iptables-wrapper-1.0", "ip-wrapper-1.0"}) {
+    for (const char* tool : {"iptables-wrapper-1.0", "ip6tables-wrapper-1.0", "ip-wrapper-1.0"}) {
         root.writeFile(std::string("/system/bin/") + tool,
                        std::string("#!/bin/sh\necho \"/system/bin/") + tool + " $*\" >> '" +
                            root.at("/record/commands") + "'\n[ \"$*\" = '-w -t mangle -N vexo_MUX' ] && sleep 60\n"
@@ -59,11 +59,12 @@ TEST_F(DaemonTest, RefusalsBuildNothingClampedCacheCutBlockAndDirectoryConf) {
     EXPECT_EQ(1u, daemon.countLog("setGameAiModeCheckRtt refused \"5\": neither 1 (on) nor 0 (off)"));
     // Whitelists 2, 5 and 7: a repeated payload changes nothing, "NULL" empties
     // the list, and a repeated "NULL" changes nothing either.
-    const size_t rebuilt = countOf(root.recordedCommands(), "-F vexo_MUX_wapper");
+    const std::string flush = "/iptables-wrapper-1.0 -w -t mangle -F vexo_MUX_wapper";  // IPv4's
+    const size_t rebuilt = countOf(root.recordedCommands(), flush);
     for (int id : {2, 5, 7}) {
         for (const char* text : {"10777", "10777", "NULL", "NULL"}) ASSERT_NO_FATAL_FAILURE(sendAndWait(id, text));
     }
-    EXPECT_EQ(rebuilt + 6, countOf(root.recordedCommands(), "-F vexo_MUX_wapper"));
+    EXPECT_EQ(rebuilt + 6, countOf(root.recordedCommands(), flush));
     EXPECT_EQ(1u, daemon.countLog("SLA Double Wlan UID whitelist = 10777"));
     // Refused in whole or in part: 4 names, the long list, 2 whitelists, 2 switches.
     ASSERT_TRUE(waitSnapshot([&](const vord::status::Snapshot& s) { return s.controlServed == 12u + sent; }))
@@ -72,7 +73,8 @@ TEST_F(DaemonTest, RefusalsBuildNothingClampedCacheCutBlockAndDirectoryConf) {
     // Every rule command failed; the last one is shown with its output.
     EXPECT_EQ(last.ruleCommandsFailed, last.ruleCommandsRun);
     EXPECT_EQ(last.lastFailedResult + " " + last.lastFailedOutput, "exit 1 no: -t\\x0a");
-    EXPECT_EQ(last.lastFailedCommand.rfind("/system/bin/iptables-wrapper-1.0 -w -t ", 0), 0u) << last.lastFailedCommand;
+    // (an IPv6 one: each group's IPv6 commands come after its IPv4 ones).
+    EXPECT_EQ(last.lastFailedCommand.rfind("/system/bin/ip6tables-wrapper-1.0 -w -t ", 0), 0u) << last.lastFailedCommand;
     EXPECT_EQ(0u, last.slaWhitelist + last.dwWhitelist + last.ddWhitelist);
 
     // Nothing half-built: no rule, no block file, no module line, no slot.

@@ -32,8 +32,11 @@ const LinkStatus* findLink(const Snapshot& s, const std::string& name) {
 // wlan0 at twice the rate of the metered rmnet_data0: the cascade carries the
 // shares those rates give and ignores a small move; the snapshot follows the
 // links, their rates, the whitelist and gateway, an interface removal and the
-// shutdown; `vordctl status` shows the running and then the stopped daemon.
+// shutdown; `vordctl status` shows the running and then the stopped daemon. The
+// IPv6 tool refuses every command: one line per rule group says so, and the
+// IPv4 rules are what they are without it.
 TEST_F(DaemonTest, RulesAndSnapshotFollowSimulatedRatesInterfacesAndShutdown) {
+    root.installRecordingTool("ip6tables-wrapper-1.0", "ip6tables: no IPv6 here", 1);
     // Both rates under the byte cap of one estimate at five 100 ms records.
     auto sim = startSimulator(root, "wlan0=1200kbit\nrmnet_data0=600kbit\n");
     ASSERT_NO_FATAL_FAILURE(startDaemon("mini_est_interval=200\nideal_est_window=1000\nwan_threshold=100\n"));
@@ -43,7 +46,8 @@ TEST_F(DaemonTest, RulesAndSnapshotFollowSimulatedRatesInterfacesAndShutdown) {
 
     ASSERT_TRUE(client.connect(seconds(10)) && client.send(1, "wlan0,rmnet_data0"));
     // Below "wifi_threshold" (1600): Wi-Fi takes 1200/1600 of new connections.
-    EXPECT_TRUE(waitFor([&] { return newestCascadeIs({{"vexo_fw_wlan0", 0.75}, {"vexo_fw_rmnet_data0_wrapper", 1}}); },
+    const std::vector<std::pair<std::string, double>> cascade{{"vexo_fw_wlan0", 0.75}, {"vexo_fw_rmnet_data0_wrapper", 1}};
+    EXPECT_TRUE(waitFor([&] { return newestCascadeIs(cascade) && newestCascadeIs(cascade, "ip6tables-wrapper-1.0"); },
                         seconds(15)))
         << root.recordedCommands() << daemon.log();
     ASSERT_TRUE(waitSnapshot([](const Snapshot& s) {
@@ -93,8 +97,10 @@ TEST_F(DaemonTest, RulesAndSnapshotFollowSimulatedRatesInterfacesAndShutdown) {
     std::string out;
     EXPECT_EQ(0, vordctl(root, "status", &out)) << out;
     EXPECT_NE(out.find("loop period 200 ms"), std::string::npos) << out;
+    EXPECT_NE(out.find("; IPv6 groups failed "), std::string::npos) << out;
     EXPECT_EQ(0, vordctl(root, "status --json", &out)) << out;
     EXPECT_NE(out.find("\"state\":\"running\""), std::string::npos) << out;
+    EXPECT_NE(out.find(",\"ipv6_rule_groups_failed\":"), std::string::npos) << out;
     Spawned watcher({binPath("vordctl"), "status", "--watch"}, root.at("/watch.out"), root.path());
     EXPECT_TRUE(waitFor([&] { return countOf(root.readFile("/watch.out"), "loop period") >= 2; }, seconds(5)))
         << root.readFile("/watch.out");
@@ -103,6 +109,17 @@ TEST_F(DaemonTest, RulesAndSnapshotFollowSimulatedRatesInterfacesAndShutdown) {
 
     ASSERT_TRUE(daemon.stopThroughProperty());
     ASSERT_TRUE(waitSnapshot([](const Snapshot& s) { return s.state == "stopped"; }, seconds(5)));
+    // One line per IPv6 group that the refusals left incomplete (teardowns only
+    // delete, so they have none): as many as such groups ran, not one per command.
+    const std::string cmds = root.recordedCommands(), ip6t = "ip6tables-wrapper-1.0 -w -t mangle ";
+    // The entry chain is flushed by each rebuild, and by the start and the stop.
+    EXPECT_EQ(countOf(cmds, ip6t + "-F vexo_MUX_wapper") - 2, daemon.countLog("setup_mux_whitelist IPv6 rules incomplete"));
+    EXPECT_EQ(countOf(cmds, ip6t + "-A vexo_fw_wlan0 -j ACCEPT"),
+              daemon.countLog("E/MUX-Vord-iptablesManager: create_MUX_FWMARK_chain_for_iface IPv6 rules for wlan0 "
+                              "incomplete: 5 of 9 commands failed, the first \"/system/bin/ip6tables-wrapper-1.0 -w -t "
+                              "mangle -F vexo_fw_wlan0\" exited with status 1: ip6tables: no IPv6 here; IPv4 rules unaffected"));
+    EXPECT_EQ(last.ipv6RuleGroupsFailed, daemon.countLog("; IPv4 rules unaffected"));
+    EXPECT_EQ(last.ipv6RuleCommandsRun, countOf(cmds, "ip6tables-wrapper-1.0 ") + countOf(cmds, "ip-wrapper-1.0 -6 "));
     ASSERT_EQ(1u, last.links.size());
     EXPECT_FALSE(last.links[0].aggregated);  // aggregation is released at shutdown
     EXPECT_EQ(3, vordctl(root, "status", &out));

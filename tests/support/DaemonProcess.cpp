@@ -119,6 +119,14 @@ bool Spawned::alive() {
     return pid_ > 0;
 }
 
+void installMissingRuleTools(const TempRoot& root) {
+    for (const char* tool : {"iptables-wrapper-1.0", "ip6tables-wrapper-1.0", "ip-wrapper-1.0"}) {
+        if (access(root.at(std::string("/system/bin/") + tool).c_str(), F_OK) != 0) {
+            root.installRecordingTool(tool);
+        }
+    }
+}
+
 std::unique_ptr<Spawned> startSimulator(const TempRoot& root, const std::string& rates) {
     root.writeFile("/sim/rates", rates);
     auto sim = std::make_unique<Spawned>(

@@ -62,6 +62,10 @@ class Spawned {
     int status_ = -1;
 };
 
+// Installs a recording stand-in (TempRoot::installRecordingTool) for each of the
+// three rule tools (iptables, ip6tables and ip wrappers) that `root` lacks.
+void installMissingRuleTools(const TempRoot& root);
+
 // Writes `rates` to "/sim/rates" and runs sla_stats_sim on it for `root`, its
 // output in "/sim/out.log"; returns once it serves the config channel.
 std::unique_ptr<Spawned> startSimulator(const TempRoot& root, const std::string& rates);

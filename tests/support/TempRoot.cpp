@@ -42,10 +42,12 @@ void TempRoot::writeAt(const std::string& full, const std::string& content, int 
     fs::rename(tmp, full);
 }
 
-void TempRoot::installRecordingTool(const std::string& tool, const std::string& output) const {
+void TempRoot::installRecordingTool(const std::string& tool, const std::string& output,
+                                    int status) const {
     std::string script = "#!/bin/sh\necho \"/system/bin/" + tool + " $*\" >> '" +
                          at("/record/commands") + "'\n";
     if (!output.empty()) script += "printf '%s\\n' '" + output + "'\n";
+    script += "exit " + std::to_string(status) + "\n";
     writeFile("/system/bin/" + tool, script, 0755);
 }
 

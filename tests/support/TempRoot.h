@@ -33,8 +33,10 @@ class TempRoot {
     }
 
     // Installs "/system/bin/<tool>" as a script that appends its command line
-    // ("/system/bin/<tool> ARGS...") to "/record/commands" and prints `output`.
-    void installRecordingTool(const std::string& tool, const std::string& output = "") const;
+    // ("/system/bin/<tool> ARGS...") to "/record/commands", prints `output` and
+    // exits with `status`.
+    void installRecordingTool(const std::string& tool, const std::string& output = "",
+                              int status = 0) const;
     std::string recordedCommands() const { return readFile("/record/commands"); }
 
   private:

@@ -1,5 +1,5 @@
 // Shared by the unit tests: the usual includes, registry records of our choosing
-// and do-nothing stand-ins for the two rule tools in the sandbox root.
+// and do-nothing stand-ins for the three rule tools in the sandbox root.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ struct NoConf {
 };
 
 inline void stubRuleTools() {
-    for (const char* tool : {"iptables-wrapper-1.0", "ip-wrapper-1.0"})
+    for (const char* tool : {"iptables-wrapper-1.0", "ip6tables-wrapper-1.0", "ip-wrapper-1.0"})
         vord::test::TempRoot::writeAt(vord::resolvePath("/system/bin/") + tool, "#!/bin/sh\n", 0755);
 }
 

@@ -25,8 +25,9 @@ TEST(LinkLabConfig, ParsesNameAndOneWayDelayAndRefusesTheRest) {
         EXPECT_NE(error, "") << bad;
     }
     ASSERT_TRUE(parseLinkArg("wlan1=5", 2, config, error));
-    EXPECT_EQ(config.handsetAddr() + " " + config.peerAddr() + " " + std::to_string(config.table()),
-              "10.66.2.2 10.66.2.1 102");
+    config.index = 12;
+    EXPECT_EQ(config.handsetAddr() + " " + config.peerAddr6() + " " + std::to_string(config.table()),
+              "10.66.12.2 fd66:66:c::1 112");
 
     EXPECT_TRUE(validLabName("vlab-123-0"));
     for (const char* bad : {"", "-x", ".x", "a/b", "a b", "x$(id)",
@@ -37,7 +38,9 @@ TEST(LinkLabConfig, ParsesNameAndOneWayDelayAndRefusesTheRest) {
     int port = 0;
     EXPECT_TRUE(parseAddrPort("198.18.0.10:8080", addr, port));
     EXPECT_EQ(addr + ":" + std::to_string(port), "198.18.0.10:8080");
-    for (const char* bad : {"198.18.0.10", "host:80", "1.1.1.1:0", "1.1.1.1:65536", ":443"})
+    EXPECT_TRUE(parseAddrPort("[2001:2::10]:443", addr, port));
+    EXPECT_EQ(addr + " " + std::to_string(port), "2001:2::10 443");
+    for (const char* bad : {"198.18.0.10", "host:80", "1.1.1.1:0", "1.1.1.1:65536", ":443", "2001:2::10:80", "[1.1.1.1]:80"})
         EXPECT_FALSE(parseAddrPort(bad, addr, port)) << bad;
 }
 

@@ -1,7 +1,7 @@
-// The rule manager's command sequences, the aggregation cascade, text from
-// outside that would add arguments to a rule command, and the command runner.
-// Do-nothing stand-ins for both tools sit in the sandbox root; the commands are
-// read back as issued from the log.
+// The rule manager's command sequences (IPv4, each mirrored by its IPv6 twin),
+// the aggregation cascade, text from outside that would add arguments to a rule
+// command, and the command runner. Do-nothing stand-ins for the tools sit in the
+// sandbox root; the commands are read back as issued from the log.
 #include "UnitSupport.h"
 
 #include <algorithm>
@@ -41,6 +41,8 @@ class RulesTest : public ::testing::Test {
         params->populateWifiGateway("");
         params->setGamingRunning(0);
         params->setDoubleWifiSelectStatus(0);
+        params->setValue("ipv6_rules", "1");
+        unittest::stubRuleTools();
     }
     void setList(const std::string& list, const char* text) {
         if (list == "sla") { params->setuidwhitelist(text); params->populateSlauidwhitelist(); }
@@ -48,13 +50,28 @@ class RulesTest : public ::testing::Test {
         if (list == "dd") { params->setDDUidWhitelist(text); params->populateDDUidWhitelist(); }
         if (list == "gaming") { params->setGamingUids(text); params->populateGamingUids(); }
     }
-    // The commands issued since the last call, as written.
+    // The IPv4 commands issued since the last call, as written; the IPv6 ones go
+    // to `v6` and, unless `mirrored` is cleared, must be the IPv4 ones through the
+    // IPv6 tools, in the same order.
     Strings commands() {
-        Strings out;
-        const std::string pass = "SEND SLA NDC COMMAND - PASS  ";
-        for (const std::string& line : log->grep(pass)) out.push_back(line.substr(line.find(pass) + pass.size()));
+        Strings v4;
+        all.clear();
+        v6.clear();
+        const std::string pass = "SEND SLA NDC COMMAND - PASS  ", ip4 = "/system/bin/ip-wrapper-1.0 -4 ";
+        for (const std::string& line : log->grep(pass)) {
+            const std::string cmd = line.substr(line.find(pass) + pass.size());
+            all.push_back(cmd);
+            (cmd.find("ip6tables") != std::string::npos || cmd.find("-wrapper-1.0 -6 ") != std::string::npos ? v6 : v4)
+                .push_back(cmd);
+        }
         log->clear();
-        return out;
+        Strings twins;
+        for (const std::string& cmd : v4) {
+            const bool ip = cmd.compare(0, ip4.size(), ip4) == 0;  // else "/system/bin/iptables..."
+            twins.push_back((ip ? "/system/bin/ip-wrapper-1.0 -6 " : "/system/bin/ip6tables") + cmd.substr(ip ? ip4.size() : 20));
+        }
+        EXPECT_TRUE(!mirrored || v6 == twins) << ::testing::PrintToString(v6);
+        return v4;
     }
     // Sets the "vexo_SLA" cascade for `ratios`; its result.
     int setRatios(const std::map<std::string, float>& ratios) {
@@ -80,6 +97,8 @@ class RulesTest : public ::testing::Test {
     Parameters* params = Parameters::instance();
     IptablesManager* manager = nullptr;
     std::unique_ptr<vord::LogCapture> log;
+    Strings all, v6;  // of the last commands() call: every command, the IPv6 ones
+    bool mirrored = true;
 };
 
 TEST_F(RulesTest, AddingWlan0IssuesItsCommandsInOrder) {
@@ -96,6 +115,29 @@ TEST_F(RulesTest, AddingWlan0IssuesItsCommandsInOrder) {
                        ipRule + "add fwmark 0x200000/0x0CE00000 table wlan0 prio 14999",
                        nat + "-D vexo_nat_POSTROUTING_MUX -o wlan0 -j MASQUERADE",
                        nat + "-A vexo_nat_POSTROUTING_MUX -o wlan0 -j MASQUERADE", IPT "-F vexo_MUX_wapper"}));
+    // Each IPv6 group right after its IPv4 group: the mark chain's (9), then the entry chain's.
+    ASSERT_EQ(all.size(), 20u);
+    EXPECT_TRUE(all[9] == v6[0] && all[18] == IPT "-F vexo_MUX_wapper" && all[19] == v6[9]);
+}
+
+// Each gateway goes to the rules of its family only. With IPv6 off, or its tool
+// missing, the IPv4 commands are what they were; a missing tool is one warning.
+TEST_F(RulesTest, GatewaysByFamilyAndIpv6OffOrMissing) {
+    params->populateWifiGateway("192.168.1.1,fd00::1");
+    mirrored = false;
+    const Strings v4{IPT "-F vexo_MUX_wapper", IPT "-A vexo_MUX_wapper -d 192.168.1.1 -j RETURN"};
+    const std::string ip6t = "/system/bin/ip6tables-wrapper-1.0 -w -t mangle ";
+    const Strings both{ip6t + "-F vexo_MUX_wapper", ip6t + "-A vexo_MUX_wapper -d fd00::1 -j RETURN"};
+    for (const std::string state : {"on", "off", "missing"}) {
+        params->setValue("ipv6_rules", state == "off" ? "0" : "1");
+        if (state == "missing") unlink(vord::resolvePath("/system/bin/ip6tables-wrapper-1.0").c_str());
+        manager->setup_mux_whitelist();
+        const size_t warnings = log->count("W/MUX-Vord-iptablesManager: setup_mux_whitelist IPv6 rules skipped: "
+                                           "/system/bin/ip6tables-wrapper-1.0 cannot be run (No such file");
+        EXPECT_EQ(commands(), v4) << state;
+        EXPECT_EQ(v6, state == "on" ? both : Strings()) << state;
+        EXPECT_EQ(warnings, state == "missing" ? 1u : 0u) << state;
+    }
 }
 
 TEST_F(RulesTest, SlaveAndCellularInterfacesGetWrapperChainsFilledFromTheirLists) {
@@ -202,7 +244,7 @@ TEST(Execnetd, SplitsAtBlanksRunsWithoutAShellAndLogsOutput) {
     EXPECT_TRUE(log.contains("SLA EXECNETD FAIL - no rule"));
     log.clear();
     std::string listing;  // collected, not logged
-    EXPECT_EQ(execnetd(cmd.c_str(), &listing), 0);
+    EXPECT_EQ(execnetd(cmd.c_str(), nullptr, &listing), 0);
     EXPECT_EQ(listing, "chain exists\nno rule\n");
     EXPECT_FALSE(log.contains("SLA EXECNETD FAIL"));
     EXPECT_EQ(execnetd("/system/bin/no-such-tool -w"), -1);

@@ -34,6 +34,8 @@ Snapshot sample() {
     s.gateways = s.dwSelect = 1;
     s.controlServed = 7;
     s.ruleCommandsRun = 1u << 31;
+    s.ipv6Rules = true;
+    s.ipv6RuleCommandsRun = s.ipv6RuleCommandsNotStarted = s.ipv6RuleGroupsFailed = 3;
     s.linkSwitches = 5;
     s.gamingUidList = "10123,10456";
     s.ruleCommandsFailed = 3;

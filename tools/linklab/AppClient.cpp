@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <map>
 #include <thread>
 
 #include "Sys.h"
@@ -21,10 +22,10 @@ namespace {
 constexpr int kConnectTimeoutMs = 3000;
 
 // Connects with a time-out; the socket or -1 with errno set.
-int connectTo(const sockaddr_in& server) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+int connectTo(const sockaddr_storage& server, socklen_t len) {
+    const int fd = socket(server.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&server), sizeof(server)) != 0) {
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&server), len) != 0) {
         if (errno != EINPROGRESS) {
             const int e = errno;
             close(fd);
@@ -91,6 +92,28 @@ std::string exchange(int fd, int intervalMs) {
     }
 }
 
+// `count` connections, each closed after the greeting; prints the links they
+// came in on.
+int tally(const sockaddr_storage& server, socklen_t len, int count) {
+    std::map<std::string, int> links;
+    int failed = 0;
+    for (int i = 0; i < count; ++i) {
+        const int fd = connectTo(server, len);
+        std::string hello;
+        if (fd < 0 || !readHello(fd, hello)) {
+            ++failed;
+        } else {
+            const size_t at = hello.find(" link=");
+            ++links[at == std::string::npos ? "?" : hello.substr(at + 6)];
+        }
+        if (fd >= 0) close(fd);
+    }
+    printf("connections=%d failed=%d", count, failed);
+    for (const auto& [link, n] : links) printf(" %s=%d", link.c_str(), n);
+    printf("\n");
+    return failed == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int runAppClient(const ClientOptions& o) {
@@ -106,16 +129,15 @@ int runAppClient(const ClientOptions& o) {
                 errnoName(errno).c_str());
         return 1;
     }
-    sockaddr_in server{};
-    server.sin_family = AF_INET;
-    server.sin_port = htons(static_cast<uint16_t>(o.serverPort));
-    inet_pton(AF_INET, o.serverAddr.c_str(), &server.sin_addr);
+    sockaddr_storage server;
+    const socklen_t serverLen = socketAddress(o.serverAddr, o.serverPort, server);
+    if (o.connections > 0) return tally(server, serverLen, o.connections);
     printf("client uid=%d server=%s\n", o.uid >= 0 ? o.uid : static_cast<int>(getuid()),
            addrText(server).c_str());
     bool everConnected = false;
     std::string lastFailure;
     for (;;) {
-        const int fd = connectTo(server);
+        const int fd = connectTo(server, serverLen);
         std::string hello;
         if (fd < 0 || !readHello(fd, hello)) {
             const std::string failure = "connect failed: " + errnoName(errno);
@@ -125,7 +147,7 @@ int runAppClient(const ClientOptions& o) {
             std::this_thread::sleep_for(std::chrono::milliseconds(o.intervalMs));
             continue;
         }
-        sockaddr_in local{};
+        sockaddr_storage local{};
         socklen_t len = sizeof(local);
         getsockname(fd, reinterpret_cast<sockaddr*>(&local), &len);
         printf("%s local=%s %s\n", everConnected ? "reconnected" : "connected",

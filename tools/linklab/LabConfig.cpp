@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 
+#include <stdio.h>
+
 #include <cctype>
 
 namespace linklab {
@@ -69,9 +71,17 @@ bool parseAddrPort(const std::string& text, std::string& addr, int& port) {
     const size_t colon = text.rfind(':');
     if (colon == std::string::npos) return false;
     addr = text.substr(0, colon);
-    in_addr a{};
-    return inet_pton(AF_INET, addr.c_str(), &a) == 1 &&
+    const bool v6 = addr.size() > 2 && addr.front() == '[' && addr.back() == ']';
+    if (v6) addr = addr.substr(1, addr.size() - 2);
+    in6_addr a{};
+    return inet_pton(v6 ? AF_INET6 : AF_INET, addr.c_str(), &a) == 1 &&
            parseInt(text.substr(colon + 1), 1, 65535, port);
+}
+
+std::string LinkConfig::prefix6() const {
+    char buf[32];
+    snprintf(buf, sizeof(buf), "fd66:66:%x::", static_cast<unsigned>(index));
+    return buf;
 }
 
 std::string peerNamespace(const std::string& lab) { return lab + "-peer"; }

@@ -88,8 +88,8 @@ bool LabDaemon::setUp(const std::vector<LinkConfig>& links, std::string& error) 
         return false;
     }
     servers_ = std::make_unique<PeerServers>(
-        [this](uint32_t s, uint16_t sp, uint32_t d, uint16_t dp) {
-            return relay_.linkOfConnection(s, sp, d, dp);
+        [this](const sockaddr_storage& src, const sockaddr_storage& dst) {
+            return relay_.linkOfConnection(src, dst);
         },
         log_);
     if (!servers_->open(error)) return false;

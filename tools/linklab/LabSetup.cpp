@@ -92,7 +92,9 @@ bool startRelay(const std::string& lab, const std::vector<LinkConfig>& links,
 }
 
 // rp_filter off: replies may come back on another link than the one a
-// connection left by (e.g. before MASQUERADE is in place). No IPv6 on the links.
+// connection left by (e.g. before MASQUERADE is in place). IPv6 on the links
+// without chatter: no link-local address (so no solicitations or reports), no
+// router advertisements taken, no duplicate detection holding an address back.
 bool setSysctls(const std::string& ns, const std::vector<LinkConfig>& links, std::string& error) {
     const pid_t pid = fork();
     if (pid == 0) {
@@ -102,7 +104,12 @@ bool setSysctls(const std::string& ns, const std::vector<LinkConfig>& links, std
                   writeSysctl("net/ipv4/conf/default/rp_filter", "0");
         for (const LinkConfig& l : links) {
             ok = writeSysctl("net/ipv4/conf/" + l.name + "/rp_filter", "0") && ok;
-            writeSysctl("net/ipv6/conf/" + l.name + "/disable_ipv6", "1");
+            for (const char* key : {"addr_gen_mode=1", "accept_ra=0", "accept_dad=0",
+                                    "router_solicitations=0", "disable_ipv6=0"}) {
+                const std::string kv = key;
+                const size_t eq = kv.find('=');
+                ok = writeSysctl("net/ipv6/conf/" + l.name + "/" + kv.substr(0, eq), kv.substr(eq + 1)) && ok;
+            }
         }
         _exit(ok ? 0 : 1);
     }
@@ -119,20 +126,40 @@ bool configure(const std::string& lab, const std::vector<LinkConfig>& links,
     std::vector<std::vector<std::string>> steps = {
         {"ip", "-n", lab, "link", "set", "lo", "up"},
         {"ip", "-n", peer, "link", "set", "lo", "up"},
-        {"ip", "-n", peer, "addr", "add", std::string(kProbeServerAddr) + "/32", "dev", "lo"},
-        {"ip", "-n", peer, "addr", "add", std::string(kAppServerAddr) + "/32", "dev", "lo"},
     };
+    for (const char* server : {kProbeServerAddr, kAppServerAddr, kProbeServerAddr6, kAppServerAddr6}) {
+        steps.push_back({"ip", "-n", peer, "addr", "add", server, "dev", "lo"});
+    }
     for (const LinkConfig& l : links) {
         const std::string table = std::to_string(l.table());
-        steps.push_back({"ip", "-n", lab, "addr", "add", l.handsetAddr() + "/24", "dev", l.name});
+        // Each family: the addresses of both ends, the link table's default
+        // route, the main table's on the default link, and the rule that routes
+        // a socket bound to the link by its table. IPv6 has no on-link fallback
+        // for a bound socket: without that rule a socket bound to a link that
+        // does not carry the main route finds no route at all.
+        for (const bool v6 : {false, true}) {
+            if (!v6 && l.ipv6Only) continue;
+            const std::string family = v6 ? "-6" : "-4", len = v6 ? "/64" : "/24";
+            const std::string mine = v6 ? l.handsetAddr6() : l.handsetAddr();
+            const std::string theirs = v6 ? l.peerAddr6() : l.peerAddr();
+            steps.push_back({"ip", "-n", lab, family, "addr", "add", mine + len, "dev", l.name});
+            steps.push_back({"ip", "-n", peer, family, "addr", "add", theirs + len, "dev", l.name});
+        }
         steps.push_back({"ip", "-n", lab, "link", "set", l.name, "up"});
-        steps.push_back({"ip", "-n", peer, "addr", "add", l.peerAddr() + "/24", "dev", l.name});
         steps.push_back({"ip", "-n", peer, "link", "set", l.name, "up"});
-        steps.push_back({"ip", "-n", lab, "route", "add", "default", "via", l.peerAddr(), "dev",
-                         l.name, "table", table});
-        if (l.name == defaultLink) {
-            steps.push_back(
-                {"ip", "-n", lab, "route", "add", "default", "via", l.peerAddr(), "dev", l.name});
+        for (const bool v6 : {false, true}) {
+            const std::string family = v6 ? "-6" : "-4";
+            const std::string via = v6 ? l.peerAddr6() : l.peerAddr();
+            if (v6 || !l.ipv6Only) {
+                steps.push_back({"ip", "-n", lab, family, "route", "add", "default", "via", via,
+                                 "dev", l.name, "table", table});
+                if (l.name == defaultLink) {
+                    steps.push_back({"ip", "-n", lab, family, "route", "add", "default", "via", via,
+                                     "dev", l.name});
+                }
+            }
+            steps.push_back({"ip", "-n", lab, family, "rule", "add", "oif", l.name, "table", table,
+                             "prio", std::to_string(kOifRulePriority)});
         }
     }
     // The sysctls first: no IPv6 chatter on a link once it is up.

@@ -22,15 +22,14 @@ constexpr size_t kProbeMessage = 58;      // what a probe sends per exchange
 constexpr const char* kProbeFill = "..";  // up to the 60 bytes it waits for
 
 int listenOn(const char* addr, int port, std::string& error) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_storage sa;
+    const socklen_t len = socketAddress(addr, port, sa);
+    const int fd = socket(sa.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     const int one = 1;
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, addr, &sa.sin_addr);
+    // IP_FREEBIND serves IPv6 sockets too.
     if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one)) != 0 ||
         setsockopt(fd, IPPROTO_IP, IP_FREEBIND, &one, sizeof(one)) != 0 ||
-        bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 || listen(fd, 256) != 0) {
+        bind(fd, reinterpret_cast<sockaddr*>(&sa), len) != 0 || listen(fd, 256) != 0) {
         error =
             std::string("listen on ") + addr + ":" + std::to_string(port) + ": " + errnoName(errno);
         if (fd >= 0) close(fd);
@@ -43,14 +42,19 @@ int listenOn(const char* addr, int port, std::string& error) {
 
 PeerServers::~PeerServers() {
     for (auto& [tag, c] : conns_) close(c.fd);
-    if (echoFd_ >= 0) close(echoFd_);
-    if (appFd_ >= 0) close(appFd_);
+    for (int fd : listenFds_) {
+        if (fd >= 0) close(fd);
+    }
 }
 
 bool PeerServers::open(std::string& error) {
-    echoFd_ = listenOn(kProbeServerAddr, kProbeServerPort, error);
-    appFd_ = echoFd_ < 0 ? -1 : listenOn(kAppServerAddr, kAppServerPort, error);
-    return appFd_ >= 0;
+    const char* addrs[kListeners] = {kProbeServerAddr, kAppServerAddr, kProbeServerAddr6,
+                                     kAppServerAddr6};
+    for (int i = 0; i < kListeners; ++i) {
+        listenFds_[i] = listenOn(addrs[i], i % 2 ? kAppServerPort : kProbeServerPort, error);
+        if (listenFds_[i] < 0) return false;
+    }
+    return true;
 }
 
 void PeerServers::setWatchers(Watch watch, Unwatch unwatch) {
@@ -59,13 +63,12 @@ void PeerServers::setWatchers(Watch watch, Unwatch unwatch) {
 }
 
 void PeerServers::start() {
-    watch_(echoFd_, 0, EPOLLIN);
-    watch_(appFd_, 1, EPOLLIN);
+    for (int i = 0; i < kListeners; ++i) watch_(listenFds_[i], static_cast<uint64_t>(i), EPOLLIN);
 }
 
 void PeerServers::onEvent(uint64_t tag, uint32_t events) {
-    if (tag < 2) {
-        accept(tag == 1);
+    if (tag < kListeners) {
+        accept(static_cast<int>(tag));
         return;
     }
     auto it = conns_.find(tag);
@@ -105,11 +108,12 @@ void PeerServers::echo(Conn& c, const char* data, size_t size) {
     }
 }
 
-void PeerServers::accept(bool app) {
+void PeerServers::accept(int listener) {
+    const bool app = listener % 2 == 1;
     for (;;) {
-        sockaddr_in peer{}, local{};
+        sockaddr_storage peer{}, local{};
         socklen_t len = sizeof(peer);
-        const int fd = accept4(app ? appFd_ : echoFd_, reinterpret_cast<sockaddr*>(&peer), &len,
+        const int fd = accept4(listenFds_[listener], reinterpret_cast<sockaddr*>(&peer), &len,
                                SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) return;
         len = sizeof(local);
@@ -120,8 +124,7 @@ void PeerServers::accept(bool app) {
         c.fd = fd;
         c.app = app;
         c.peer = addrText(peer);
-        c.link =
-            finder_(peer.sin_addr.s_addr, peer.sin_port, local.sin_addr.s_addr, local.sin_port);
+        c.link = finder_(peer, local);
         if (c.link.empty()) c.link = "?";
         if (app) c.pending = "hello peer=" + c.peer + " link=" + c.link + "\n";
         fprintf(log_, "%s accept peer=%s link=%s\n", app ? "app" : "echo", c.peer.c_str(),

@@ -19,7 +19,9 @@ int runProbe(const ProbeOptions& o) {
         fprintf(stderr, "vord-linklab probe: %s\n", error.c_str());
         return 1;
     }
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_storage server;
+    const socklen_t serverLen = socketAddress(o.serverAddr, o.serverPort, server);
+    const int fd = socket(server.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     timeval tv{o.timeoutMs / 1000, (o.timeoutMs % 1000) * 1000};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
@@ -29,11 +31,7 @@ int runProbe(const ProbeOptions& o) {
                 errnoName(errno).c_str());
         return 1;
     }
-    sockaddr_in server{};
-    server.sin_family = AF_INET;
-    server.sin_port = htons(static_cast<uint16_t>(o.serverPort));
-    inet_pton(AF_INET, o.serverAddr.c_str(), &server.sin_addr);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&server), sizeof(server)) != 0) {
+    if (connect(fd, reinterpret_cast<sockaddr*>(&server), serverLen) != 0) {
         fprintf(stderr, "vord-linklab probe: connect to %s over %s: %s\n", addrText(server).c_str(),
                 o.link.c_str(), errno == EINPROGRESS ? "timed out" : errnoName(errno).c_str());
         return 1;
@@ -61,7 +59,7 @@ int runProbe(const ProbeOptions& o) {
     const int64_t elapsedMs = (monotonicNanos() - start) / 1000000;
     tcp_info info{};
     socklen_t len = sizeof(info);
-    sockaddr_in local{};
+    sockaddr_storage local{};
     socklen_t localLen = sizeof(local);
     getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLen);
     const bool ok = getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) == 0;

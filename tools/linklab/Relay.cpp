@@ -74,7 +74,9 @@ void Relay::onReadable(size_t index, bool handsetSide, int64_t now) {
     for (int i = 0; i < kReadBurst; ++i) {
         const ssize_t n = read(in, buf, sizeof(buf));
         if (n <= 0) break;
-        if (link.cut) {
+        // An IPv6-only link carries no IPv4 (the kernel may still send some out
+        // of it: a bound socket's on-link fallback).
+        if (link.cut || (link.config.ipv6Only && (buf[0] & 0xf0) == 0x40)) {
             ++dir.dropped;
             continue;
         }
@@ -150,8 +152,11 @@ std::string Relay::status() const {
     for (const Link& l : links_) {
         out += l.config.name + " delay=" + std::to_string(l.config.delayMs) +
                "ms rtt=" + std::to_string(2 * l.config.delayMs) +
-               "ms state=" + (l.cut ? "cut" : "up") + " handset=" + l.config.handsetAddr() +
-               " peer=" + l.config.peerAddr() + " table=" + std::to_string(l.config.table()) +
+               "ms state=" + (l.cut ? "cut" : "up") +
+               " handset=" + (l.config.ipv6Only ? "-" : l.config.handsetAddr()) +
+               " peer=" + (l.config.ipv6Only ? "-" : l.config.peerAddr()) +
+               " handset6=" + l.config.handsetAddr6() + " peer6=" + l.config.peerAddr6() +
+               " table=" + std::to_string(l.config.table()) +
                " up_packets=" + std::to_string(l.up.passed) +
                " down_packets=" + std::to_string(l.down.passed) +
                " dropped=" + std::to_string(l.up.dropped + l.down.dropped) + "\n";
@@ -161,29 +166,50 @@ std::string Relay::status() const {
 
 void Relay::noteSyn(size_t link, const char* p, size_t size) {
     const auto* b = reinterpret_cast<const unsigned char*>(p);
-    if (size < 20 || (b[0] >> 4) != 4 || b[9] != IPPROTO_TCP) return;
-    const size_t ihl = (b[0] & 0x0f) * 4u;
+    if (size < 20) return;
+    // IPv4 with its options, or IPv6 with TCP as the first next header.
+    const bool v6 = (b[0] >> 4) == 6;
+    if (!v6 && ((b[0] >> 4) != 4 || b[9] != IPPROTO_TCP)) return;
+    if (v6 && (size < 40 || b[6] != IPPROTO_TCP)) return;
+    const size_t ihl = v6 ? 40 : (b[0] & 0x0f) * 4u, addrLen = v6 ? 16 : 4;
     if (size < ihl + 14) return;
     const unsigned char flags = b[ihl + 13];
     if ((flags & 0x02) == 0 || (flags & 0x10) != 0) return;  // SYN without ACK only
     if (synLink_.size() >= kMaxSynEntries) synLink_.clear();
-    uint32_t src, dst;
+    const char* src = p + (v6 ? 8 : 12);
     uint16_t sport, dport;
-    memcpy(&src, b + 12, 4);
-    memcpy(&dst, b + 16, 4);
     memcpy(&sport, b + ihl, 2);
     memcpy(&dport, b + ihl + 2, 2);
-    synLink_[FlowKey(src, sport, dst, dport)] = link;
+    synLink_[FlowKey(std::string(src, addrLen), sport, std::string(src + addrLen, addrLen), dport)] =
+        link;
 }
 
-std::string Relay::linkOfConnection(uint32_t src, uint16_t srcPort, uint32_t dst,
-                                    uint16_t dstPort) const {
-    const auto it = synLink_.find(FlowKey(src, srcPort, dst, dstPort));
+namespace {
+
+// Address bytes and port of a socket address.
+std::pair<std::string, uint16_t> bytesOf(const sockaddr_storage& a) {
+    if (a.ss_family == AF_INET6) {
+        const auto& a6 = reinterpret_cast<const sockaddr_in6&>(a);
+        return {std::string(reinterpret_cast<const char*>(&a6.sin6_addr), 16), a6.sin6_port};
+    }
+    const auto& a4 = reinterpret_cast<const sockaddr_in&>(a);
+    return {std::string(reinterpret_cast<const char*>(&a4.sin_addr), 4), a4.sin_port};
+}
+
+}  // namespace
+
+std::string Relay::linkOfConnection(const sockaddr_storage& src, const sockaddr_storage& dst) const {
+    const auto [srcAddr, srcPort] = bytesOf(src);
+    const auto [dstAddr, dstPort] = bytesOf(dst);
+    const auto it = synLink_.find(FlowKey(srcAddr, srcPort, dstAddr, dstPort));
     if (it != synLink_.end()) return links_[it->second].config.name;
-    // No SYN seen (the map was full, say): the link whose subnet the source is in.
-    const uint32_t host = ntohl(src);
+    // No SYN seen (the map was full, say): the link whose subnet the source is
+    // in, 10.66.<index>.0/24 or fd66:66:<index>::/64.
+    const auto* a = reinterpret_cast<const unsigned char*>(srcAddr.data());
     for (const Link& l : links_) {
-        if ((host >> 8) == ((10u << 16) | (66u << 8) | static_cast<uint32_t>(l.config.index))) {
+        const unsigned i = static_cast<unsigned>(l.config.index);
+        if (srcAddr.size() == 4 ? a[0] == 10 && a[1] == 66 && a[2] == i
+                                : memcmp(a, "\xfd\x66\x00\x66", 4) == 0 && a[4] == (i >> 8) && a[5] == (i & 0xff)) {
             return l.config.name;
         }
     }

@@ -1,9 +1,11 @@
 // The links of a lab: for each, a TUN device in the handset namespace and one
 // in the peer namespace, and the packets moving between them, each held for the
-// link's one-way delay in its direction. A cut link drops everything, both ways.
+// link's one-way delay in its direction. A cut link drops everything, both ways;
+// an IPv6-only link drops IPv4.
 #pragma once
 
 #include <stdint.h>
+#include <sys/socket.h>
 
 #include <map>
 #include <string>
@@ -39,11 +41,9 @@ class Relay {
     // One line per link: name, delay, cut state, addresses, counters.
     std::string status() const;
 
-    // The link that carried the SYN of this connection (handset to peer); when
-    // none was seen, the link whose subnet holds the source; else "".
-    // Addresses and ports in network order.
-    std::string linkOfConnection(uint32_t src, uint16_t srcPort, uint32_t dst,
-                                 uint16_t dstPort) const;
+    // The link that carried the SYN of this connection (handset to peer), IPv4
+    // or IPv6; when none was seen, the link whose subnet holds the source; else "".
+    std::string linkOfConnection(const sockaddr_storage& src, const sockaddr_storage& dst) const;
 
   private:
     struct Direction {
@@ -56,7 +56,8 @@ class Relay {
         int handsetFd = -1, peerFd = -1;
         Direction up, down;  // up: handset to peer
     };
-    using FlowKey = std::tuple<uint32_t, uint16_t, uint32_t, uint16_t>;
+    // Source and destination: address bytes (4 or 16) and port, network order.
+    using FlowKey = std::tuple<std::string, uint16_t, std::string, uint16_t>;
 
     Link* find(const std::string& name);
     void noteSyn(size_t link, const char* packet, size_t size);

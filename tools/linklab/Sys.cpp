@@ -86,10 +86,33 @@ std::string errnoName(int err) {
     return name != nullptr ? name : "errno " + std::to_string(err);
 }
 
-std::string addrText(const sockaddr_in& a) {
-    char buf[INET_ADDRSTRLEN] = "?";
-    inet_ntop(AF_INET, &a.sin_addr, buf, sizeof(buf));
-    return std::string(buf) + ":" + std::to_string(ntohs(a.sin_port));
+std::string addrText(const sockaddr_storage& a) {
+    char buf[INET6_ADDRSTRLEN] = "?";
+    if (a.ss_family == AF_INET6) {
+        const auto& a6 = reinterpret_cast<const sockaddr_in6&>(a);
+        inet_ntop(AF_INET6, &a6.sin6_addr, buf, sizeof(buf));
+        return "[" + std::string(buf) + "]:" + std::to_string(ntohs(a6.sin6_port));
+    }
+    const auto& a4 = reinterpret_cast<const sockaddr_in&>(a);
+    inet_ntop(AF_INET, &a4.sin_addr, buf, sizeof(buf));
+    return std::string(buf) + ":" + std::to_string(ntohs(a4.sin_port));
+}
+
+socklen_t socketAddress(const std::string& addr, int port, sockaddr_storage& out) {
+    out = {};
+    auto& a6 = reinterpret_cast<sockaddr_in6&>(out);
+    auto& a4 = reinterpret_cast<sockaddr_in&>(out);
+    if (inet_pton(AF_INET6, addr.c_str(), &a6.sin6_addr) == 1) {
+        a6.sin6_family = AF_INET6;
+        a6.sin6_port = htons(static_cast<uint16_t>(port));
+        return sizeof(a6);
+    }
+    if (inet_pton(AF_INET, addr.c_str(), &a4.sin_addr) == 1) {
+        a4.sin_family = AF_INET;
+        a4.sin_port = htons(static_cast<uint16_t>(port));
+        return sizeof(a4);
+    }
+    return 0;
 }
 
 std::string selfExe() {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 #include <stdint.h>
 
 #include <string>
@@ -26,7 +27,11 @@ bool dropToUid(uid_t uid);
 
 int64_t monotonicNanos();
 std::string errnoName(int err);
-std::string addrText(const sockaddr_in& a);  // "A.B.C.D:PORT"
+// "A.B.C.D:PORT" or "[IPV6]:PORT".
+std::string addrText(const sockaddr_storage& a);
+// The socket address of `addr` (either family) and `port`; its length, 0 when
+// `addr` is no address.
+socklen_t socketAddress(const std::string& addr, int port, sockaddr_storage& out);
 std::string selfExe();
 
 // Writes `value` to /proc/sys/<key> of the calling thread's network namespace.

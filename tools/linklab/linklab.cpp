@@ -31,20 +31,25 @@ const char kUsage[] =
     "network behind its links. Each link is a TUN device of the link's name in\n"
     "both; a relay process moves packets between the two and holds each for the\n"
     "link's one-way delay, in each direction (so wlan0=20 gives a 40 ms round\n"
-    "trip). Link number i (in the order given) has the subnet 10.66.i.0/24: the\n"
-    "handset end is 10.66.i.2, the peer end 10.66.i.1; the handset has a route\n"
-    "table named after the link (number 100+i) with a default route out of it,\n"
-    "and the main table a default route out of the default link. The peer runs an\n"
-    "echo server at 1.1.1.1:443 (the daemon's probe server) and an application\n"
-    "server at 198.18.0.10:8080 that greets each client with\n"
-    "\"hello peer=ADDR:PORT link=LINK\" and echoes. Both log each connection with\n"
-    "the link it came in on (vord-linklab log NAME). Needs root and /dev/net/tun.\n"
+    "trip). Link number i (in the order given) has the subnet 10.66.i.0/24 and\n"
+    "the prefix fd66:66:i::/64 (i in hex): the handset end is 10.66.i.2 and\n"
+    "fd66:66:i::2, the peer end 10.66.i.1 and fd66:66:i::1. The handset has a\n"
+    "route table named after the link (number 100+i) with a default route of each\n"
+    "family out of it, a rule (priority 13000, each family) that routes sockets\n"
+    "bound to the link by that table, and in the main table the default routes\n"
+    "out of the default link. The peer runs an echo server at 1.1.1.1:443 and\n"
+    "[2606:4700:4700::1111]:443 (the daemon's probe servers) and an application\n"
+    "server at 198.18.0.10:8080 and [2001:2::10]:8080 that greets each client\n"
+    "with \"hello peer=ADDR:PORT link=LINK\" and echoes. Both log each connection\n"
+    "with the link it came in on (vord-linklab log NAME). Needs root and\n"
+    "/dev/net/tun.\n"
     "\n"
     "commands:\n"
-    "  up NAME LINK=MS... [--default LINK]\n"
+    "  up NAME LINK=MS... [--default LINK] [--ipv6-only LINK]...\n"
     "        build the lab; MS is the link's ONE-WAY delay in milliseconds\n"
-    "        (0..10000); the main table's default route uses --default (else the\n"
-    "        last link given). e.g. up lab1 wlan0=20 wlan1=25 rmnet_data0=15\n"
+    "        (0..10000); the main table's default routes use --default (else the\n"
+    "        last link given); an --ipv6-only link has no IPv4 address or route.\n"
+    "        e.g. up lab1 wlan0=20 wlan1=25 rmnet_data0=15 --ipv6-only rmnet_data0\n"
     "  down NAME       stop the relay and every process in the lab, delete the\n"
     "                  namespaces, /etc/netns/NAME and /run/vord-linklab/NAME;\n"
     "                  succeeds when the lab does not exist\n"
@@ -64,13 +69,18 @@ const char kUsage[] =
     "                  run CMD in the handset namespace (the peer's with --peer),\n"
     "                  as UID (gid UID, no groups) when given, through\n"
     "                  \"ip netns exec\" (route-table names known to ip)\n"
-    "  client NAME [--uid UID] [--server ADDR:PORT] [--interval MS]\n"
+    "  client NAME [--uid UID] [-6] [--server ADDR:PORT] [--interval MS]\n"
+    "        [--connections N]\n"
     "                  an application in the handset namespace: connects to the\n"
-    "                  application server, sends a line every MS (200) ms, and\n"
+    "                  application server (its IPv6 address with -6; [IPV6]:PORT\n"
+    "                  with --server), sends a line every MS (200) ms, and\n"
     "                  reconnects when the connection is torn down; prints\n"
     "                  \"connected local=A:P peer=A:P link=L\",\n"
-    "                  \"connection aborted: ECONNABORTED\", \"reconnected ...\"\n"
-    "  probe NAME LINK [--server ADDR:PORT] [--exchanges N] [--timeout MS]\n"
+    "                  \"connection aborted: ECONNABORTED\", \"reconnected ...\".\n"
+    "                  With --connections: N new connections, one after the\n"
+    "                  other, each closed after the greeting, then the links they\n"
+    "                  came in on: \"connections=N failed=F LINK=COUNT ...\"\n"
+    "  probe NAME LINK [-6] [--server ADDR:PORT] [--exchanges N] [--timeout MS]\n"
     "        [--receive BYTES]\n"
     "                  a TCP connection bound to LINK (SO_BINDTODEVICE), N (10)\n"
     "                  exchanges of 58 bytes echoed back, each step within MS\n"
@@ -102,11 +112,15 @@ int request(const std::string& lab, const std::string& line, bool print) {
 
 int cmdUp(const std::string& lab, const std::vector<std::string>& args) {
     std::vector<LinkConfig> links;
-    std::set<std::string> names;
+    std::set<std::string> names, ipv6Only;
     std::string defaultLink, error;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--default" && i + 1 < args.size()) {
             defaultLink = args[++i];
+            continue;
+        }
+        if (args[i] == "--ipv6-only" && i + 1 < args.size()) {
+            ipv6Only.insert(args[++i]);
             continue;
         }
         LinkConfig config;
@@ -121,6 +135,10 @@ int cmdUp(const std::string& lab, const std::vector<std::string>& args) {
     if (links.size() > static_cast<size_t>(kMaxLinks)) return usage("too many links");
     if (defaultLink.empty()) defaultLink = links.back().name;
     if (names.count(defaultLink) == 0) return usage("--default names no link of the lab");
+    for (const std::string& name : ipv6Only) {
+        if (names.count(name) == 0) return usage("--ipv6-only names no link of the lab");
+    }
+    for (LinkConfig& l : links) l.ipv6Only = ipv6Only.count(l.name) != 0;
     struct stat st;
     if (stat("/dev/net/tun", &st) != 0) {
         fprintf(stderr, "vord-linklab: /dev/net/tun is missing (no TUN support)\n");
@@ -133,9 +151,10 @@ int cmdUp(const std::string& lab, const std::vector<std::string>& args) {
     printf("lab %s up: handset namespace %s, peer namespace %s, default route via %s\n",
            lab.c_str(), lab.c_str(), peerNamespace(lab).c_str(), defaultLink.c_str());
     for (const LinkConfig& l : links) {
-        printf("  %s: one-way %d ms (round trip %d ms), handset %s, peer %s, table %s (%d)\n",
-               l.name.c_str(), l.delayMs, 2 * l.delayMs, l.handsetAddr().c_str(),
-               l.peerAddr().c_str(), l.name.c_str(), l.table());
+        const std::string v4 = l.ipv6Only ? "IPv6 only" : l.handsetAddr() + " / " + l.peerAddr();
+        printf("  %s: one-way %d ms (round trip %d ms), handset / peer %s, %s / %s, table %s (%d)\n",
+               l.name.c_str(), l.delayMs, 2 * l.delayMs, v4.c_str(), l.handsetAddr6().c_str(),
+               l.peerAddr6().c_str(), l.name.c_str(), l.table());
     }
     return 0;
 }
@@ -200,6 +219,11 @@ int cmdClient(const std::string& lab, const std::vector<std::string>& args) {
         const bool hasValue = i + 1 < args.size();
         if (args[i] == "--uid" && hasValue && parseInt(args[i + 1], 0, 0x7fffffff, o.uid)) {
             ++i;
+        } else if (args[i] == "-6") {
+            o.serverAddr = kAppServerAddr6;
+        } else if (args[i] == "--connections" && hasValue &&
+                   parseInt(args[i + 1], 1, 100000, o.connections)) {
+            ++i;
         } else if (args[i] == "--server" && hasValue &&
                    parseAddrPort(args[i + 1], o.serverAddr, o.serverPort)) {
             ++i;
@@ -222,8 +246,10 @@ int cmdProbe(const std::string& lab, const std::vector<std::string>& args) {
     o.link = args[0];
     for (size_t i = 1; i < args.size(); ++i) {
         const bool hasValue = i + 1 < args.size();
-        if (args[i] == "--server" && hasValue &&
-            parseAddrPort(args[i + 1], o.serverAddr, o.serverPort)) {
+        if (args[i] == "-6") {
+            o.serverAddr = kProbeServerAddr6;
+        } else if (args[i] == "--server" && hasValue &&
+                   parseAddrPort(args[i + 1], o.serverAddr, o.serverPort)) {
             ++i;
         } else if (args[i] == "--exchanges" && hasValue &&
                    parseInt(args[i + 1], 1, 1000, o.exchanges)) {

@@ -212,9 +212,9 @@ std::string renderTable(const Snapshot& s, const Liveness& live) {
                    s.current.empty() ? "-" : shown(s.current).c_str(), s.switches, shown(s.probeServer).c_str(),
                    s.probePort);
     out += printf_("Features   UID lists: SLA whitelist %u, gaming %u, dual Wi-Fi %u, dual data %u; "
-                   "gateways %u; dual Wi-Fi monitor %s, select status %d\n",
+                   "gateways %u; dual Wi-Fi monitor %s, select status %d; IPv6 rules %s\n",
                    s.slaWhitelist, s.gamingUids, s.dwWhitelist, s.ddWhitelist, s.gateways,
-                   s.dwMonitor ? "on" : "off", s.dwSelect);
+                   s.dwMonitor ? "on" : "off", s.dwSelect, s.ipv6Rules ? "on" : "off");
     // Kept after a stop: their sockets are destroyed at shutdown.
     out += "           gaming UIDs: " + (s.gamingUidList.empty() ? "-" : shown(s.gamingUidList)) + "\n";
     out += printf_("Counters   control records served %" PRIu64 ", refused %" PRIu64 "; rule commands run %" PRIu64
@@ -222,6 +222,11 @@ std::string renderTable(const Snapshot& s, const Liveness& live) {
                    "; link switches %" PRIu64 "\n",
                    s.controlServed, s.controlRefused, s.ruleCommandsRun, s.ruleCommandsFailed,
                    s.ruleCommandsNotStarted, s.socketsDestroyed, s.linkSwitches);
+    out += printf_("           rule commands run: IPv4 %" PRIu64 ", IPv6 %" PRIu64 "; not started: IPv4 %" PRIu64
+                   ", IPv6 %" PRIu64 "; IPv6 groups failed %" PRIu64 "\n",
+                   s.ruleCommandsRun - s.ipv6RuleCommandsRun, s.ipv6RuleCommandsRun,
+                   s.ruleCommandsNotStarted - s.ipv6RuleCommandsNotStarted, s.ipv6RuleCommandsNotStarted,
+                   s.ipv6RuleGroupsFailed);
     if (!s.lastFailedCommand.empty()) {
         // Built without printf_: the command and its output may be long.
         out += "Last failed rule command (" + shown(s.lastFailedResult) + "): " + shown(s.lastFailedCommand) +
@@ -282,16 +287,18 @@ std::string renderJson(const Snapshot& s, const Liveness& live) {
     o += printf_(",\"switches\":%d,\"probe_server\":", s.switches) + jsonString(s.probeServer);
     o += printf_(",\"probe_port\":%d},", s.probePort);
     o += printf_("\"features\":{\"sla_whitelist\":%u,\"gaming_uids\":%u,\"dw_whitelist\":%u,"
-                 "\"dd_whitelist\":%u,\"gateways\":%u,\"dw_monitor\":%s,\"dw_select\":%d,",
+                 "\"dd_whitelist\":%u,\"gateways\":%u,\"dw_monitor\":%s,\"dw_select\":%d,\"ipv6_rules\":%s,",
                  s.slaWhitelist, s.gamingUids, s.dwWhitelist, s.ddWhitelist, s.gateways, jsonBool(s.dwMonitor),
-                 s.dwSelect);
+                 s.dwSelect, jsonBool(s.ipv6Rules));
     o += "\"gaming_uid_list\":" + jsonString(s.gamingUidList) + "},";
     o += printf_("\"counters\":{\"control_served\":%" PRIu64 ",\"control_refused\":%" PRIu64
                  ",\"rule_commands_run\":%" PRIu64 ",\"rule_commands_failed\":%" PRIu64
-                 ",\"rule_commands_not_started\":%" PRIu64 ",\"sockets_destroyed\":%" PRIu64
-                 ",\"link_switches\":%" PRIu64 "},",
+                 ",\"rule_commands_not_started\":%" PRIu64 ",\"ipv6_rule_commands_run\":%" PRIu64
+                 ",\"ipv6_rule_commands_not_started\":%" PRIu64 ",\"ipv6_rule_groups_failed\":%" PRIu64
+                 ",\"sockets_destroyed\":%" PRIu64 ",\"link_switches\":%" PRIu64 "},",
                  s.controlServed, s.controlRefused, s.ruleCommandsRun, s.ruleCommandsFailed,
-                 s.ruleCommandsNotStarted, s.socketsDestroyed, s.linkSwitches);
+                 s.ruleCommandsNotStarted, s.ipv6RuleCommandsRun, s.ipv6RuleCommandsNotStarted,
+                 s.ipv6RuleGroupsFailed, s.socketsDestroyed, s.linkSwitches);
     o += "\"last_failed_rule_command\":";
     o += s.lastFailedCommand.empty() ? std::string("null")
                                      : "{\"command\":" + jsonString(s.lastFailedCommand) +
