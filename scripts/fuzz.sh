@@ -7,6 +7,7 @@
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
+. scripts/deps.sh
 
 probe_fuzzer() {
     local dir
@@ -20,14 +21,11 @@ probe_fuzzer() {
 }
 
 if ! command -v clang++ >/dev/null 2>&1 || ! probe_fuzzer; then
-    echo "fuzz.sh: installing clang" >&2
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt-get install -y -qq clang
+    ensure_deps clang
     if ! probe_fuzzer; then
         # libFuzzer's runtime lives in a separate package on some releases.
         version=$(clang++ --version | sed -n 's/.*clang version \([0-9]*\).*/\1/p' | head -n1)
-        apt-get install -y -qq "libclang-rt-${version}-dev"
+        ensure_deps "libclang-rt-${version}-dev"
     fi
 fi
 

@@ -23,12 +23,24 @@ int toPriority(LogSeverity severity) {
     return ANDROID_LOG_INFO;
 }
 
+LogFunction& logger() {
+    static LogFunction f;
+    return f;
+}
+
 }  // namespace
+
+void SetLogger(LogFunction&& f) { logger() = std::move(f); }
 
 LogMessage::LogMessage(const char* file, unsigned int line, LogSeverity severity, const char* tag)
     : file_(file), line_(line), severity_(severity), tag_(tag) {}
 
 LogMessage::~LogMessage() {
+    if (logger()) {
+        logger()(DEFAULT, severity_, tag_, file_, line_, buffer_.str().c_str());
+        if (severity_ == FATAL) abort();
+        return;
+    }
     const char* base = strrchr(file_, '/');
     base = base ? base + 1 : file_;
     std::string text = std::string(base) + ":" + std::to_string(line_) + "] " + buffer_.str();

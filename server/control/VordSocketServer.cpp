@@ -27,6 +27,7 @@
 
 #include "control/VordSocketServer.h"
 
+#include <cutils/sockets.h>
 #include <log/log.h>
 
 #include <errno.h>
@@ -242,6 +243,23 @@ int createSocket(const char* path) {
     if (path == nullptr) {
         ALOGE("NULL params\n");
         return -1;
+    }
+    // On the device init creates the socket (vord.rc: "socket vord ...") with its
+    // owner, mode and SELinux label, and hands it over: a daemon without root
+    // cannot replace a file in /dev/socket. The daemon then listens on a copy of
+    // that descriptor each time round, so a hang-up closes the client and keeps
+    // the file (a departure from re-creating the file, which only a daemon that
+    // created it itself does).
+    const char* base = strrchr(path, '/');
+    const int inherited = android_get_control_socket(base != nullptr ? base + 1 : path);
+    if (inherited >= 0) {
+        const int fd = fcntl(inherited, F_DUPFD_CLOEXEC, 0);
+        if (fd < 0) {
+            ALOGE("Failed to open socket '%s', error=%s\n", path, strerror(errno));
+            return -1;
+        }
+        ALOGI("Created socket success with '%s' (from init), sockfd=%d\n", path, fd);
+        return fd;
     }
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {

@@ -16,7 +16,7 @@
 #include "wificond/net/rtnetlink_socket.h"
 
 #include "config/Parameters.h"
-#include "loop/MainLoopWakeup.h"
+#include "lifecycle/MainLoopWakeup.h"
 #include "sla/SlaStatsImpl.h"
 #include "sls/InterfaceRtt.h"
 #include "sls/ServiceHighRtt.h"

@@ -9,6 +9,7 @@
 
 #include "config/Parameters.h"
 #include "rules/RuleFamily.h"
+#include "rules/StartupSweep.h"
 #include "rules/execnetd.h"
 
 std::mutex g_iptablesMutex;
@@ -37,13 +38,15 @@ void IptablesManager::clean_MUX_iptables() {
     delete manager;
 }
 
-// Each base chain is created and then flushed, and each hook deleted before it is
-// added, so a start after a run that left its rules behind (a crash) ends with
-// empty base chains and exactly one hook of each kind. The tools' complaints about
-// existing chains and missing hooks are only logged.
+// Whatever an earlier run left behind is swept first (StartupSweep.h). Each base
+// chain is then created and flushed, and each hook deleted before it is added, so
+// even without the sweep a start ends with empty base chains and exactly one hook
+// of each kind. The tools' complaints about existing chains and missing hooks are
+// only logged.
 IptablesManager::IptablesManager() {
     setRuleCommandTimeout(Parameters::instance()->getRuleCommandTimeoutS());
     std::lock_guard<std::mutex> lock(g_iptablesMutex);
+    rules::sweepLeftovers();
     rules::inBothFamilies("IptablesManager", "", [](rules::Family& f) {
         const char* ipt = f.iptables();
         for (const char* chain : {"vexo_MUX", "vexo_SLA", "vexo_SLS", "vexo_MUX_wapper"}) {

@@ -77,10 +77,11 @@ std::atomic<int> g_timeoutSeconds{kDefaultRuleCommandTimeoutSeconds};
 using Clock = std::chrono::steady_clock;
 
 // The tool's output: logged one piece per line, or per kOutputPiece characters of
-// a longer line, and the start of it kept.
+// a longer line, and the start of it kept; for a listing the daemon reads,
+// collected whole into `collected` instead of being logged.
 class ToolOutput {
   public:
-    explicit ToolOutput(const char* cmd) : cmd_(cmd) {}
+    ToolOutput(const char* cmd, std::string* collected) : cmd_(cmd), collected_(collected) {}
     // Reads what the pipe holds, up to kReadAtOnce bytes. False at end of file.
     bool read(int fd) {
         char buf[512];
@@ -103,6 +104,10 @@ class ToolOutput {
   private:
     void add(const char* data, size_t n) {
         if (kept_.size() < kKeptOutput) kept_.append(data, std::min(n, kKeptOutput - kept_.size()));
+        if (collected_ != nullptr) {
+            collected_->append(data, n);
+            return;
+        }
         for (size_t i = 0; i < n; ++i) {
             piece_.push_back(data[i]);
             if (data[i] == '\n' || piece_.size() == kOutputPiece) log();
@@ -114,6 +119,7 @@ class ToolOutput {
         piece_.clear();
     }
     const char* cmd_;
+    std::string* collected_;
     std::string piece_;
     std::string kept_;
 };
@@ -179,7 +185,7 @@ std::string describeFailure(int status, bool killed) {
 
 }  // namespace
 
-int execnetd(const char* cmd, CommandOutcome* outcome) {
+int execnetd(const char* cmd, CommandOutcome* outcome, std::string* listing) {
     if (cmd == nullptr) cmd = "";
     size_t len = strlen(cmd);
     if (len + kStderrSuffix >= kLineSize) {
@@ -239,7 +245,7 @@ int execnetd(const char* cmd, CommandOutcome* outcome) {
     }
     vord::bump(vord::counters().ruleCommandsRun);
     ALOGI("SEND SLA NDC COMMAND - PASS  %s\n", cmd);
-    ToolOutput output(cmd);
+    ToolOutput output(cmd, listing);
     bool killed = false;
     const int status = superviseTool(pid, fds[0], output, killed);
     close(fds[0]);

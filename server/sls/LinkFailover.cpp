@@ -10,7 +10,7 @@
 
 #include <log/log.h>
 
-#include "loop/MainLoopWakeup.h"
+#include "lifecycle/MainLoopWakeup.h"
 #include "sls/PingThread.h"
 #include "sls/SmartLinkSelection.h"
 

@@ -28,7 +28,7 @@
 #include <string>
 
 #include "config/Parameters.h"
-#include "loop/MainLoopWakeup.h"
+#include "lifecycle/MainLoopWakeup.h"
 #include "sls/InterfaceRtt.h"
 #include "sls/SmartLinkSelection.h"
 #include "sls/Tcping.h"

@@ -25,7 +25,7 @@
 #include <utility>
 
 #include "config/Parameters.h"
-#include "loop/MainLoopWakeup.h"
+#include "lifecycle/MainLoopWakeup.h"
 #include "rules/IptablesManager.h"
 #include "sls/PingThread.h"
 

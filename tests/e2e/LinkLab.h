@@ -10,7 +10,7 @@
 //
 //   LinkLab lab({{"wlan0", 20}, {"rmnet_data0", 15}});   // one-way ms
 //   ASSERT_EQ(lab.error(), "");
-//   lab.installTools(root);                    // rule tools act inside the lab
+//   LinkLab::installTools(root);               // rule tools act inside the lab
 //   daemon.setCommandPrefix(lab.commandPrefix());  // vord runs inside the lab
 //   auto app = lab.startClient(10123);         // an app as UID 10123
 //   app->waitForLine("connected ", 5s);  lab.cut("wlan0");
@@ -147,15 +147,14 @@ class LinkLab {
     std::string exec(const std::string& cmd, bool peer = false) const {
         return output("exec " + name_ + (peer ? " --peer" : "") + " -- " + cmd);
     }
-    // Prefix that runs a program inside the handset namespace (for
-    // DaemonProcess::setCommandPrefix).
+    // Prefix that runs a program inside the handset namespace, with the lab's
+    // route-table names known to ip (for DaemonProcess::setCommandPrefix).
     std::vector<std::string> commandPrefix() const { return {tool(), "exec", name_, "--"}; }
-    // Installs the rule tools in `root`: the real iptables, ip6tables and ip, run
-    // in the lab.
-    void installTools(const TempRoot& root) const {
+    // Installs the rule tools in `root`: the real iptables, ip6tables and ip, for
+    // a daemon running in the lab (commandPrefix), whose namespace they inherit.
+    static void installTools(const TempRoot& root) {
         for (const std::string t : {"iptables", "ip6tables", "ip"}) {
-            const std::string script = "#!/bin/sh\nexec ip netns exec " + name_ + " " + t;
-            root.writeFile("/system/bin/" + t + "-wrapper-1.0", script + " \"$@\"\n", 0755);
+            root.writeFile("/system/bin/" + t + "-wrapper-1.0", "#!/bin/sh\nexec " + t + " \"$@\"\n", 0755);
         }
     }
 
@@ -227,13 +226,31 @@ class LabTest : public ::testing::Test {
         ASSERT_EQ(lab->error(), "");
         lab->installTools(root);
     }
-    // Writes `conf`, starts a daemon in the lab and waits until it serves.
+    // Writes `conf`, starts a daemon in the lab and waits until it serves. With
+    // `leastPrivilege` set the daemon runs as the device runs it (vord.rc): not
+    // root, with only CAP_NET_ADMIN and CAP_NET_RAW, ambient so that the rule
+    // tools have them too; the sandbox root is its own, and so is a copy of the
+    // binary, reachable wherever the build tree is.
     void startDaemon(const std::string& conf) {
         root.writeConf(conf);
         daemon = std::make_unique<DaemonProcess>(root);
-        daemon->setCommandPrefix(lab->commandPrefix());
+        std::vector<std::string> prefix = lab->commandPrefix();
+        if (leastPrivilege) {
+            const std::string id = std::to_string(kDaemonUid), caps = "-all,+net_admin,+net_raw";
+            ASSERT_EQ(shell("cp " + binPath("vord") + " " + root.at("/vord") + " && chown -R " + id + ":" + id +
+                            " " + root.path()), 0);
+            daemon->setProgram(root.at("/vord"));
+            prefix.insert(prefix.end(), {"setpriv", "--reuid=" + id, "--regid=" + id, "--clear-groups",
+                                         "--inh-caps=" + caps, "--ambient-caps=" + caps, "--bounding-set=" + caps, "--"});
+        }
+        daemon->setCommandPrefix(prefix);
         daemon->start();
         ASSERT_TRUE(daemon->waitUntilServing(std::chrono::seconds(20))) << daemon->log();
+        if (leastPrivilege) {  // CAP_NET_ADMIN (12) and CAP_NET_RAW (13), nothing else
+            const std::string status = readWholeFile("/proc/" + std::to_string(daemon->pid()) + "/status");
+            EXPECT_NE(status.find("\nUid:\t" + std::to_string(kDaemonUid) + "\t"), std::string::npos) << status;
+            EXPECT_NE(status.find("\nCapEff:\t0000000000003000\n"), std::string::npos) << status;
+        }
     }
     void vordctl(const std::string& args) {
         std::string out;
@@ -241,6 +258,9 @@ class LabTest : public ::testing::Test {
     }
     std::string mangle(bool v6 = false) const { return lab->exec(v6 ? "ip6tables-save -t mangle" : "iptables-save -t mangle"); }
 
+    // A user id of no one on the host, as the daemon's own on the device.
+    static constexpr int kDaemonUid = 2950;
+    bool leastPrivilege = false;
     TempRoot root;
     std::unique_ptr<LinkLab> lab;
     std::unique_ptr<DaemonProcess> daemon;

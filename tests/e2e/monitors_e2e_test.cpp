@@ -16,7 +16,11 @@ using namespace vord::test;
 
 using namespace std::chrono_literals;
 
-class MonitorsE2E : public LabTest {};
+// The daemon runs as on the device: not root, with only its two capabilities.
+class MonitorsE2E : public LabTest {
+  protected:
+    MonitorsE2E() { leastPrivilege = true; }
+};
 
 TEST_F(MonitorsE2E, GameServerBecomesTheProbeTargetAndDualWifiMonitorFollowsACut) {
     ASSERT_NO_FATAL_FAILURE(buildLab({{"wlan0", 5}, {"wlan1", 5}}));

@@ -1,12 +1,16 @@
 // The rule tree in a real (namespaced) network stack, driven through the daemon,
-// in both address families: the base tree, a second daemon after a killed one,
-// the whitelist entry chain, the per-interface rules as interfaces come and go,
-// new connections of a whitelisted app spread by measured rates, and nothing
-// left after stop.
+// in both address families: the base tree, the whitelist entry chain, the
+// per-interface rules as interfaces come and go, new connections of a
+// whitelisted app spread by measured rates, and nothing left after stop; then
+// signals and crashes in the middle of an add, a switch and a probe.
 #include <gtest/gtest.h>
+
+#include <signal.h>
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -39,6 +43,11 @@ class RulesE2E : public LabTest {
         return linesAfter(v6 ? "ip -6 rule show" : "ip rule show", "14999:\tfrom all ");
     }
     static std::string save(bool v6) { return v6 ? "ip6tables-save" : "iptables-save"; }
+    // Every vord chain, rule and policy rule in the kernel, in both families.
+    std::string leftovers() const {
+        return lab->exec("iptables-save | grep vexo_; ip6tables-save | grep vexo_; ip rule show | grep ^14999:; "
+                         "ip -6 rule show | grep ^14999:");
+    }
 
     void expectBaseTree() const {
         for (bool v6 : {false, true}) {
@@ -66,9 +75,6 @@ TEST_F(RulesE2E, BaseTreeWhitelistInterfaceRulesAndSplitInBothFamilies) {
     const std::string conf = "mini_est_interval=100\nuid_whitelist=10123,10456\nideal_est_window=1000\nwan_threshold=100\n";
     ASSERT_NO_FATAL_FAILURE(startDaemon(conf));  // it serves once the base tree is built
     expectBaseTree();
-    daemon->kill();
-    ASSERT_NO_FATAL_FAILURE(startDaemon(conf));
-    expectBaseTree();  // still one hook of each kind
 
     // Each gateway in its own family's entry chain only.
     vordctl("gateway 192.168.1.1,fd00::1");
@@ -150,6 +156,95 @@ TEST_F(RulesE2E, BaseTreeWhitelistInterfaceRulesAndSplitInBothFamilies) {
     for (bool v6 : {false, true}) {
         EXPECT_EQ(lab->exec(save(v6) + " | grep vexo_"), "");
         EXPECT_EQ(fwmarkRules(v6), Strings{});
+    }
+}
+
+// Each run starts a daemon (which sweeps what the run before left), gives it
+// links, holds it in the middle of an interface add, a switch or a probe, and
+// ends it there: SIGTERM and SIGINT leave no rule and exit 0; after a SIGKILL the
+// next run, given fewer links, has exactly its own rules and no duplicate, and
+// its own ending leaves nothing.
+TEST_F(RulesE2E, SignalsAndCrashesInAnAddASwitchAndAProbe) {
+    using namespace std::chrono_literals;
+    ASSERT_NO_FATAL_FAILURE(buildLab({{"wlan0", 5}, {"wlan1", 5}, {"rmnet_data0", 5}}));
+    ASSERT_TRUE(lab->setProbeServer("fill"));
+    for (const char* name : {"wlan0", "wlan1", "rmnet_data0"}) {
+        root.writeFile(std::string("/proc/sla/") + name + "_mmap", std::string(20480, '\0'));
+    }
+    // The iptables stand-in stops before a command holding the text of
+    // "/pause-at" (its pid in "/paused") until that file is removed.
+    const std::string pauseAt = root.at("/pause-at"), paused = root.at("/paused");
+    root.writeFile("/system/bin/iptables-wrapper-1.0",
+                   "#!/bin/sh\npat=$(cat " + pauseAt + " 2>/dev/null)\ncase \"$pat|$*\" in ?*\"|\"*\"$pat\"*)\n"
+                   "  echo $$ > " + paused + "; while [ -e " + pauseAt + " ]; do sleep 0.02; done;;\nesac\n"
+                   "exec iptables \"$@\"\n", 0755);
+    const std::string conf = "mini_est_interval=100\nping_interval_ms=200\nmin_ping_times=2\nt_hyst_s=0\n";
+    struct Run {
+        const char* point;
+        int sig;
+        const char* links;
+    };
+    const Run runs[] = {{"add", SIGTERM, "wlan0,wlan1,rmnet_data0"}, {"add", SIGKILL, "wlan0,wlan1,rmnet_data0"},
+                        {"add", SIGINT, "wlan0,wlan1"},       {"switch", SIGTERM, "wlan0,wlan1"},
+                        {"switch", SIGKILL, "wlan0,wlan1,rmnet_data0"}, {"switch", SIGINT, "wlan0"},
+                        {"probe", SIGTERM, "wlan0,wlan1"},    {"probe", SIGKILL, "wlan0,wlan1,rmnet_data0"},
+                        {"probe", SIGINT, "wlan0,wlan1"}};
+    for (const Run& run : runs) {
+        SCOPED_TRACE(std::string(run.point) + " " + strsignal(run.sig) + " " + run.links);
+        const std::string point = run.point;
+        if (point == "probe") {
+            ASSERT_TRUE(lab->setDelay("wlan0", 30) && lab->setDelay("wlan1", 30));
+        }
+        unlink(paused.c_str());
+        if (point != "probe") root.writeFile("/pause-at", point == "add" ? "-N vexo_fw_wlan1" : "-A vexo_SLS ");
+        ASSERT_NO_FATAL_FAILURE(startDaemon(conf));
+        const size_t probes = countOf(lab->connectionLog(), "echo accept");
+        vordctl(std::string("ifaces ") + run.links);
+        if (point != "add") {
+            const std::string links = run.links, last = links.substr(links.rfind(',') + 1);
+            ASSERT_TRUE(daemon->waitForLog("preinterfacelist is " + last)) << daemon->log();
+            vordctl("sls-start 10123");
+        }
+        if (point == "probe") {
+            EXPECT_TRUE(waitFor([&] { return countOf(lab->connectionLog(), "echo accept") > probes; }, 5s));
+        } else {
+            ASSERT_TRUE(waitFor([&] { return !readWholeFile(paused).empty(); }, 20s)) << daemon->log();
+        }
+        // What a crash or the run before left is gone (every chain and policy
+        // rule is of a listed link), and nothing is doubled.
+        const std::string listed = std::string(",") + run.links + ",";
+        // The link of a per-link chain ("vexo_sls_uid_X", "vexo_fw_X_wrapper", ...)
+        // or policy rule ("... lookup X"); "" for the others.
+        auto linkOf = [](const std::string& l) -> std::string {
+            if (l.compare(0, 6, "14999:") == 0) return l.substr(l.rfind(' ') + 1);
+            for (const std::string head : {":vexo_sls_uid_", ":vexo_sls_", ":vexo_fw_"}) {
+                if (l.compare(0, head.size(), head) != 0) continue;
+                std::string link = l.substr(head.size(), l.find(' ') - head.size());
+                return link.size() > 8 && link.compare(link.size() - 8, 8, "_wrapper") == 0 ? link.substr(0, link.size() - 8) : link;
+            }
+            return "";
+        };
+        for (const char* family : {"iptables-save; ip rule show", "ip6tables-save; ip -6 rule show"}) {
+            std::set<std::string> seen;
+            std::istringstream in(lab->exec(family));
+            for (std::string l; std::getline(in, l);) {
+                const bool ours = l.find("vexo_") != std::string::npos || l.compare(0, 6, "14999:") == 0;
+                EXPECT_TRUE(!ours || seen.insert(l).second) << "twice: " << l;
+                EXPECT_TRUE(linkOf(l).empty() || listed.find("," + linkOf(l) + ",") != std::string::npos) << l;
+            }
+        }
+
+        ASSERT_EQ(kill(daemon->pid(), run.sig), 0);
+        if (run.sig == SIGKILL) {
+            const pid_t tool = std::atoi(readWholeFile(paused).c_str());
+            if (tool > 0) kill(tool, SIGKILL);  // the tool dies with it
+            daemon->kill();
+            unlink(pauseAt.c_str());
+            continue;
+        }
+        unlink(pauseAt.c_str());  // the held command goes on, then the teardown
+        EXPECT_EQ(daemon->waitExit(), 0) << daemon->log();
+        EXPECT_EQ(leftovers(), "");
     }
 }
 

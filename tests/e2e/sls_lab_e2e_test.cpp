@@ -37,7 +37,11 @@ std::vector<int> probeResults(const std::string& log, const std::string& link) {
     return out;
 }
 
-class SlsLabE2E : public LabTest {};
+// The daemon runs as on the device: not root, with only its two capabilities.
+class SlsLabE2E : public LabTest {
+  protected:
+    SlsLabE2E() { leastPrivilege = true; }
+};
 
 // Selection of the faster link; a switch when it loses its carrier and when it
 // goes silent under the game's traffic (moving the game's IPv4 and IPv6

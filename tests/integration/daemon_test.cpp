@@ -1,5 +1,7 @@
 // The real daemon: its control channel over the real socket, the evaluation
-// loop's period and its stop property (a loop period of 0: status_snapshot_test).
+// loop's period, its stop property and signals (a loop period of 0:
+// status_snapshot_test), and its command line.
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,12 +30,15 @@ TEST_F(DaemonTest, SocketFileIsReplacedOpenedToAllRecreatedAndStoppedByANumericT
     ASSERT_TRUE(client.connect(std::chrono::seconds(10)) && client.send(12, "second"));
     ASSERT_TRUE(daemon.waitForLog("msg.message=[second]")) << daemon.log();
 
-    // "x" reads as 0: the loop runs on, sleeping its period.
+    // "x" reads as 0: the loop runs on, sleeping its period. A hang-up and a
+    // broken pipe are ignored.
     root.setProperty("vendor.sla.enabled", "x");
     const long cpu = daemon.cpuTimeMs();
+    ASSERT_EQ(kill(daemon.pid(), SIGHUP) | kill(daemon.pid(), SIGPIPE), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(600));  // several loop periods
     EXPECT_LT(daemon.cpuTimeMs() - cpu, 50);
     EXPECT_EQ(daemon.countLog("Mux disabled"), 0u);
+    EXPECT_TRUE(daemon.alive());
     // "2abc" reads as 2. Stopped while serving a client: the thread ends, the
     // socket serves no one, the process idles.
     root.setProperty("vendor.sla.enabled", "2abc");
@@ -41,6 +46,34 @@ TEST_F(DaemonTest, SocketFileIsReplacedOpenedToAllRecreatedAndStoppedByANumericT
     EXPECT_EQ(daemon.countLog("socket Thread exit"), 1u);
     EXPECT_FALSE(ControlClient(root).connect());
     EXPECT_TRUE(daemon.alive());
+
+    // What init's restart does when the property goes back to 1: SIGTERM ends the
+    // idle daemon at once, and a new one serves again.
+    EXPECT_EQ(daemon.signal(SIGTERM, std::chrono::seconds(2)), 0);
+    EXPECT_EQ(daemon.countLog("SIGTERM received while idle: exiting"), 1u) << daemon.log();
+    root.setProperty("vendor.sla.enabled", "1");
+    ASSERT_NO_FATAL_FAILURE(startDaemon());
+    ASSERT_TRUE(client.connect() && client.send(12, "third"));
+    EXPECT_TRUE(daemon.waitForLog("msg.message=[third]")) << daemon.log();
+}
+
+// --help and --version print and exit 0 without touching any path; anything else
+// is refused with 2 and starts nothing.
+TEST(DaemonCommandLine, HelpVersionAndRefusals) {
+    TempRoot root;
+    const std::string vord = "VORD_ROOT=" + root.path() + " " + binPath("vord");
+    std::string before, out;
+    shell("find " + root.path(), &before);
+    EXPECT_EQ(shell(vord + " --help", &out), 0);
+    EXPECT_NE(out.find("usage: vord"), std::string::npos) << out;
+    EXPECT_EQ(shell(vord + " --version", &out), 0);
+    EXPECT_EQ(out, "vord (SLA+SLS) 3.0.4.5\n");
+    for (const char* args : {"--bogus", "--help extra", "-v"}) {
+        EXPECT_EQ(shell(vord + " " + args, &out), 2) << args;
+        EXPECT_NE(out.find("unexpected argument"), std::string::npos) << out;
+    }
+    shell("find " + root.path(), &out);
+    EXPECT_EQ(out, before) << "paths touched";
 }
 
 }  // namespace

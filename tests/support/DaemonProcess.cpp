@@ -109,13 +109,13 @@ Spawned::Spawned(const std::vector<std::string>& argv, const std::string& logPat
 
 int Spawned::stop(int sig) {
     int status = -1;
-    if (pid_ > 0 && ::kill(pid_, sig) == 0) waitpid(pid_, &status, 0);
+    if (pid_ > 0 && ::kill(pid_, sig) == 0 && waitpid(pid_, &status, 0) == pid_) status_ = status;
     pid_ = -1;
     return status;
 }
 
 bool Spawned::alive() {
-    if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
+    if (pid_ > 0 && waitpid(pid_, &status_, WNOHANG) == pid_) pid_ = -1;
     return pid_ > 0;
 }
 
@@ -149,8 +149,15 @@ DaemonProcess::~DaemonProcess() {
 
 void DaemonProcess::start() {
     std::vector<std::string> args = prefix_;
-    args.push_back(binPath("vord"));
+    args.push_back(program_);
     proc_ = std::make_unique<Spawned>(args, root_.at("/vord.log"), root_.path());
+}
+
+int DaemonProcess::waitExit(std::chrono::milliseconds timeout) {
+    if (!proc_) return -1;
+    if (waitFor([this] { return !proc_->alive(); }, timeout)) return proc_->status();
+    proc_->stop(SIGKILL);
+    return -1;
 }
 
 bool DaemonProcess::waitForLog(const std::string& needle, std::chrono::milliseconds timeout,

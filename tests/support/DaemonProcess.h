@@ -53,11 +53,13 @@ class Spawned {
     Spawned(const Spawned&) = delete;
     // Sends `sig` and reaps the child; its wait status (-1 when already reaped).
     int stop(int sig);
-    bool alive();
+    bool alive();  // reaps the child once it has ended
     pid_t pid() const { return pid_; }
+    int status() const { return status_; }  // once reaped; -1 before
 
   private:
     pid_t pid_ = -1;
+    int status_ = -1;
 };
 
 // Installs a recording stand-in (TempRoot::installRecordingTool) for each of the
@@ -80,12 +82,20 @@ class DaemonProcess {
     // {"vord-linklab", "exec", NAME, "--"}; each must exec what follows it, so
     // the process stays the daemon's.
     void setCommandPrefix(std::vector<std::string> prefix) { prefix_ = std::move(prefix); }
+    // The daemon binary to run; build/bin/vord by default.
+    void setProgram(std::string path) { program_ = std::move(path); }
     // Starts vord with VORD_ROOT set; stdout and stderr go to "<root>/vord.log".
     void start();
     bool alive() { return proc_ && proc_->alive(); }
     pid_t pid() const { return proc_ ? proc_->pid() : -1; }
     void kill() {
         if (proc_) proc_->stop(SIGKILL);
+    }
+    // Waits for the daemon to end: its wait status, or -1 (and a SIGKILL) when it
+    // still runs after `timeout`. signal() sends `sig` first.
+    int waitExit(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    int signal(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+        return proc_ && ::kill(proc_->pid(), sig) == 0 ? waitExit(timeout) : -1;
     }
 
     std::string log() const { return root_.readFile("/vord.log"); }
@@ -105,6 +115,7 @@ class DaemonProcess {
   private:
     const TempRoot& root_;
     std::vector<std::string> prefix_;
+    std::string program_ = binPath("vord");
     std::unique_ptr<Spawned> proc_;
 };
 

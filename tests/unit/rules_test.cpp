@@ -13,6 +13,7 @@
 #include "counters/Counters.h"
 #include "counters/RuleFailure.h"
 #include "rules/IptablesManager.h"
+#include "rules/StartupSweep.h"
 #include "rules/execnetd.h"
 
 namespace {
@@ -242,6 +243,10 @@ TEST(Execnetd, SplitsAtBlanksRunsWithoutAShellAndLogsOutput) {
     EXPECT_EQ(log.count("E/MUX-Vord-iptablesManager:  SLA EXECNETD FAIL cmd - " + cmd), 2u);
     EXPECT_TRUE(log.contains("SLA EXECNETD FAIL - no rule"));
     log.clear();
+    std::string listing;  // collected, not logged
+    EXPECT_EQ(execnetd(cmd.c_str(), nullptr, &listing), 0);
+    EXPECT_EQ(listing, "chain exists\nno rule\n");
+    EXPECT_FALSE(log.contains("SLA EXECNETD FAIL"));
     EXPECT_EQ(execnetd("/system/bin/no-such-tool -w"), -1);
     EXPECT_TRUE(log.contains("SEND SLA NDC COMMAND - FAIL  /system/bin/no-such-tool -w"));
 }
@@ -285,6 +290,24 @@ TEST(Execnetd, WaitsForTheExitKillsAtTheDeadlineAndCountsFailures) {
     EXPECT_EQ(failed(), before + 2);
     EXPECT_EQ(vord::lastRuleFailure().result, "killed after 1 s");
     EXPECT_TRUE(waitFor([&] { return !alive(); })) << "the tool's child outlived the kill";
+}
+
+// From the tools' listings: owned chains (and only they) lose their jumps, then
+// are flushed, then deleted; every rule at the daemon's priority goes.
+TEST(StartupSweep, TakesOwnedChainsHooksAndRulesAtThePriorityOnly) {
+    const std::string nat =
+        "-P POSTROUTING ACCEPT\n-N vexo_nat_POSTROUTING_MUX\n-N other\n-N vexo_fw_wlan1\n-N vexo_x;reboot\n"
+        "-A POSTROUTING -j vexo_nat_POSTROUTING_MUX\n-A POSTROUTING -o eth0 -j vexo_fw_wlan1\n"
+        "-A other -j vexo_fw_wlan1\n-A other -j ACCEPT\n-A vexo_nat_POSTROUTING_MUX -o wlan1 -j MASQUERADE\n";
+    EXPECT_EQ(rules::chainSweep({"IPT", "nat"}, nat),
+              (Strings{"IPT -w -t nat -D POSTROUTING -j vexo_nat_POSTROUTING_MUX", "IPT -w -t nat -D other -j vexo_fw_wlan1",
+                       "IPT -w -t nat -F vexo_nat_POSTROUTING_MUX", "IPT -w -t nat -F vexo_fw_wlan1",
+                       "IPT -w -t nat -X vexo_nat_POSTROUTING_MUX", "IPT -w -t nat -X vexo_fw_wlan1"}));
+    const std::string rules =
+        "0:\tfrom all lookup local\n14999:\tfrom all fwmark 0x200000/0xce00000 lookup wlan0\n"
+        "149990:\tfrom all lookup main\n14999:\tfrom all fwmark 0x400000/0xce00000 lookup wlan1\n";
+    EXPECT_EQ(rules::ruleSweep({"IP", "-4"}, rules), (Strings(2, "IP -4 rule del prio 14999")));
+    EXPECT_EQ(rules::chainSweep({"IPT", "mangle"}, ""), Strings{});
 }
 
 }  // namespace

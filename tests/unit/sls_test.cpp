@@ -16,7 +16,7 @@
 
 #include "control/ControlState.h"
 #include "control/FeatureCommands.h"
-#include "loop/MainLoopWakeup.h"
+#include "lifecycle/MainLoopWakeup.h"
 #include "monitors/MonitorAdapters.h"
 #include "monitors/RssiStateMonitor.h"
 #include "monitors/SlaTcpSocketMonitor.h"

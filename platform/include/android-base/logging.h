@@ -5,6 +5,7 @@
 // line of the statement lead the message text.
 #pragma once
 
+#include <functional>
 #include <sstream>
 #include <string>
 
@@ -20,6 +21,18 @@ enum LogSeverity {
     FATAL_WITHOUT_ABORT,
     FATAL,
 };
+
+enum LogId {
+    DEFAULT,
+    MAIN,
+    SYSTEM,
+};
+
+// Where every message goes: (id, severity, tag, file, line, message). Without a
+// logger set, a message becomes one platform log line, "file:line] message".
+using LogFunction = std::function<void(LogId, LogSeverity, const char*, const char*, unsigned int,
+                                       const char*)>;
+void SetLogger(LogFunction&& logger);
 
 class LogMessage {
   public:

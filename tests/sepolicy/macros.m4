@@ -1,0 +1,18 @@
+dnl The policy macros vord's policy uses, written for this check: each grants
+dnl what the platform's macro of the same name is documented to grant.
+define(`r_file_perms', `{ getattr open read ioctl lock map }')
+define(`rw_file_perms', `{ getattr open read ioctl lock map append write }')
+define(`r_dir_perms', `{ open getattr read search ioctl lock }')
+define(`create_dir_perms', `{ open getattr read search ioctl lock add_name remove_name write create reparent rename rmdir setattr }')
+define(`create_file_perms', `{ getattr open read ioctl lock map append write create rename setattr unlink }')
+define(`create_socket_perms_no_ioctl', `{ create getattr setattr bind connect getopt setopt shutdown map read write append lock }')
+define(`create_stream_socket_perms', `{ create getattr setattr bind connect getopt setopt shutdown map read write append lock ioctl listen accept }')
+define(`r_dir_file', `allow $1 $2:dir r_dir_perms; allow $1 $2:{ file lnk_file } r_file_perms;')
+define(`domain_trans', `allow $1 $2:file { getattr open read execute map }; allow $1 $3:process transition; allow $3 $2:file { entrypoint open read execute getattr map }; allow $3 $1:process sigchld;')
+define(`domain_auto_trans', `domain_trans($1, $2, $3) type_transition $1 $2:process $3;')
+define(`init_daemon_domain', `domain_auto_trans(init, $1_exec, $1)')
+define(`unix_socket_connect', `allow $1 $2_socket:sock_file write; allow $1 $3:unix_stream_socket connectto;')
+define(`get_prop', `allow $1 $2:file { getattr open read map };')
+define(`set_prop', `unix_socket_connect($1, property, init) allow $1 $2:property_service set; get_prop($1, $2)')
+define(`vendor_public_prop', `type $1, property_type;')
+define(`userdebug_or_eng', `$1')
