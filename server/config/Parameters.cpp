@@ -11,12 +11,15 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <vord/RootPath.h>
+
+#include "config/LogText.h"
 
 namespace {
 
@@ -128,6 +131,7 @@ void Parameters::init() {
     m_gamingUidsText.clear();
     m_gamingWhitelist.clear();
     m_rttServer = VORD_DEFAULT_RTT_SERVER;
+    m_ipv6ProbeServer = VORD_DEFAULT_RTT_SERVER6;
     m_rttServerPort = 443;
     // Keys without a built-in value start at 0; the shipped vord.conf carries them.
     m_pingPeriodMs = 0;
@@ -301,6 +305,17 @@ bool Parameters::setValue(const char* key, const char* value) {
             return true;
         }
     }
+    if (k == "ipv6_probe_server") {
+        in6_addr unused;
+        if (inet_pton(AF_INET6, value, &unused) != 1) {
+            ALOGE("ipv6_probe_server \"%s\" is not an IPv6 address: refused, the value in force is kept",
+                  vord::escapeForLog(value, 64).c_str());
+            return true;
+        }
+        std::lock_guard<std::mutex> lock(m_listMutex);
+        m_ipv6ProbeServer = value;
+        return true;
+    }
     std::lock_guard<std::mutex> lock(m_listMutex);
     struct StringKey {
         const char* name;
@@ -361,6 +376,7 @@ char* Parameters::getStatsPorts(char* buf) {
 VORD_STRING_GETTER(getProtocols, m_protocols)
 VORD_STRING_GETTER(getPorts, m_ports)
 VORD_STRING_GETTER(getRttServer, m_rttServer)
+VORD_STRING_GETTER(getIpv6ProbeServer, m_ipv6ProbeServer)
 VORD_STRING_GETTER(getGamingWhitelist, m_gamingWhitelist)
 VORD_STRING_GETTER(getGamingUidList, m_gamingUidList)
 VORD_STRING_GETTER(getInterfaceMode, m_interfaceMode)

@@ -38,6 +38,9 @@ enum OperId : int32_t {
 // TCP port 443.
 #define VORD_DEFAULT_RTT_SERVER "1.1.1.1"
 #define VORD_DEFAULT_RTT_PORT 443
+// The probe server of links without IPv4 ("ipv6_probe_server"): the same
+// resolver's IPv6 address, on the same port.
+#define VORD_DEFAULT_RTT_SERVER6 "2606:4700:4700::1111"
 
 class Parameters {
   public:
@@ -120,6 +123,9 @@ class Parameters {
     std::string getProtocols() const;
     std::string getPorts() const;
     std::string getRttServer() const;
+    // "ipv6_probe_server": an IPv6 literal; anything else is refused with a log
+    // line and the value in force kept.
+    std::string getIpv6ProbeServer() const;
     std::string getGamingWhitelist() const;
     std::string getGamingUidList() const;
     std::string getIfaceParams(int i) const;  // "interface_<i>", empty outside 0..3
@@ -225,6 +231,7 @@ class Parameters {
     std::string m_gamingUidsText;
     std::string m_gamingWhitelist;
     std::string m_rttServer;
+    std::string m_ipv6ProbeServer = VORD_DEFAULT_RTT_SERVER6;
     std::atomic<int32_t> m_rttServerPort{443};
     std::atomic<int32_t> m_ipv6Rules{1};
     std::atomic<int32_t> m_pingPeriodMs{0};

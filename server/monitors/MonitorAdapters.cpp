@@ -62,6 +62,8 @@ class TcpingLinkProber : public LinkProber {
         info.ifname = ifname;
         info.server = server.c_str();
         info.port = port;
+        const std::string server6 = Parameters::instance()->getIpv6ProbeServer();
+        info.server6 = server6.c_str();
         return Tcping::updateTcpingRtt(&info, 0);
     }
 };
@@ -94,7 +96,7 @@ class SelectionSelectedLink : public SelectedLink {
     uint32_t ifindex(const std::string& link) override { return if_nametoindex(link.c_str()); }
     bool answers(const std::string& link) override {
         return Tcping::linkAnswers(link.c_str(), VORD_DEFAULT_RTT_SERVER, VORD_DEFAULT_RTT_PORT,
-                                   kStallProbeTimeoutMs);
+                                   kStallProbeTimeoutMs, -1, Parameters::instance()->getIpv6ProbeServer().c_str());
     }
     void fail(const std::string& link) override {
         if (SmartLinkSelection::isInstance()) SmartLinkSelection::instance()->linkStalled(link);

@@ -16,10 +16,12 @@ std::unique_ptr<StationQuery> makeNetlinkStationQuery();
 std::unique_ptr<PenaltySink> makeSelectionPenaltySink();
 // SockDiag::getLiveTcpInfos, one SockDiag per pass.
 std::unique_ptr<TcpInfoSource> makeSockDiagTcpInfoSource();
-// Tcping::updateTcpingRtt with offset 0.
+// Tcping::updateTcpingRtt with offset 0 ("ipv6_probe_server" for a link
+// without IPv4).
 std::unique_ptr<LinkProber> makeTcpingLinkProber();
 // The selection engine's current link while it probes; Tcping::linkAnswers to
-// the built-in probe server; SmartLinkSelection::linkStalled.
+// the built-in probe server (or "ipv6_probe_server" on a link without IPv4);
+// SmartLinkSelection::linkStalled.
 std::unique_ptr<SelectedLink> makeSelectionSelectedLink();
 // The rtnetlink socket (wificond/net/rtnetlink_socket.h).
 std::unique_ptr<NetlinkEventSource> makeRtnetlinkEventSource();

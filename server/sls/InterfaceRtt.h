@@ -74,6 +74,7 @@ class InterfaceRtt {
     bool down = false;         // the link is down (link event); out of the choice while another is up
     bool retired = false;      // the link left the registry; never chosen
     LinkFailCause failCause = LinkFailCause::None;
+    int probeFamily = 0;       // AF_INET or AF_INET6: the family of its last probe (0: none yet)
 
   private:
     InterfaceRtt() = default;

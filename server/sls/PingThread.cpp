@@ -12,6 +12,10 @@
 // is checked at once, as a stall of the gaming connections is, by a connection
 // to the built-in probe server, and no answer fails the link without waiting for
 // the misses of the probes to come.
+//
+// A link without IPv4 is probed over IPv6, at "ipv6_probe_server" on port 443,
+// whatever the IPv4 target is (the built-in server, a VoIP peer, a game's
+// server); its stall is confirmed the same way.
 
 #define LOG_TAG "MUX-Vord-SlaPing"
 
@@ -85,9 +89,11 @@ void* makeRawPingFunc(void* rtt) {
         if (r->running) {
             if (!r->alive) break;
             // The probe target can change at any time (VoIP peer, commands).
-            const std::string server = params->getRttServer();
+            const std::string server = params->getRttServer(), server6 = params->getIpv6ProbeServer();
             info.server = server.c_str();
             info.port = params->getRttServerPort();
+            info.server6 = server6.c_str();
+            info.port6 = VORD_DEFAULT_RTT_PORT;
             const int penalty = r->rssiPenaltyMs;
             const uint32_t epoch = r->epoch;
             r->probeNow = false;
@@ -99,7 +105,7 @@ void* makeRawPingFunc(void* rtt) {
             const int result = Tcping::updateTcpingRtt(&info, penalty);
             if (info.stalled && params->stallDetectionEnabled() &&
                 !Tcping::linkAnswers(r->ifname, VORD_DEFAULT_RTT_SERVER, VORD_DEFAULT_RTT_PORT,
-                                     Tcping::kTimeoutUs / 1000, abortFd) &&
+                                     Tcping::kTimeoutUs / 1000, abortFd, server6.c_str()) &&
                 SmartLinkSelection::isInstance()) {
                 SmartLinkSelection::instance()->linkStalled(r->ifname);
             }
@@ -108,6 +114,7 @@ void* makeRawPingFunc(void* rtt) {
             if (r->running && r->epoch == epoch) {
                 const bool wasFailed = r->speed == -1;
                 r->setSpeed(result);
+                if (info.family != 0) r->probeFamily = info.family;
                 if (r->speed != -1) {
                     r->failCause = LinkFailCause::None;
                 } else if (!wasFailed) {

@@ -151,7 +151,8 @@ void SmartLinkSelection::publishState() {
         for (const auto& entry : engine->m_slsInterfaceMap) {
             const InterfaceRtt* r = entry.second;
             if (r == nullptr) continue;
-            state.links.push_back({r->ifname, r->speed, r->level, r->missCount, r->rssiPenaltyMs, r->running});
+            state.links.push_back({r->ifname, r->speed, r->level, r->missCount, r->rssiPenaltyMs, r->running,
+                                   r->probeFamily});
         }
         state.lastSwitch = engine->m_lastSwitch;
     }

@@ -43,6 +43,7 @@ struct SlsLinkState {
     int missCount;
     int rssiPenaltyMs;
     bool running;
+    int probeFamily;  // AF_INET, AF_INET6; 0 before the first probe
 };
 // The last switch the decision made, and why.
 struct SlsLastSwitch {

@@ -79,10 +79,42 @@ ssize_t receiveWithin(int fd, char* buffer, size_t size, int abortFd) {
     return static_cast<ssize_t>(got);
 }
 
-// A socket for `info`'s target, bound to its interface; -1 with a log line.
-int boundSocket(tcping_info* info) {
-    Tcping::fillTarget(info->server, info->port, &info->addr, &info->addrLen);
-    info->sockfd = socket(info->addr.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+// Whether `ifname` has an IPv4 address. Also true when that cannot be told (no
+// such interface: binding to it fails next, with its own log line) and for an
+// unbound probe.
+bool hasIpv4Address(const char* ifname) {
+    if (ifname == nullptr) return true;
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return true;
+    ifreq request;
+    memset(&request, 0, sizeof(request));
+    strncpy(request.ifr_name, ifname, IFNAMSIZ - 1);
+    const bool none = ioctl(fd, SIOCGIFADDR, &request) != 0 && errno == EADDRNOTAVAIL;
+    close(fd);
+    return !none;
+}
+
+// Whether the IPv6 probe server can stand in for a probe of `info`.
+bool haveIpv6Server(const tcping_info* info) {
+    in6_addr unused;
+    return info->server6 != nullptr && inet_pton(AF_INET6, info->server6, &unused) == 1;
+}
+
+// A socket for `info`'s target (its IPv6 server with `ipv6`), bound to its
+// interface; -1 with a log line.
+int boundSocket(tcping_info* info, bool ipv6) {
+    if (ipv6) {
+        memset(&info->addr, 0, sizeof(info->addr));
+        auto* in6 = reinterpret_cast<sockaddr_in6*>(&info->addr);
+        in6->sin6_family = AF_INET6;
+        in6->sin6_port = htons(static_cast<uint16_t>(info->port6));
+        inet_pton(AF_INET6, info->server6, &in6->sin6_addr);
+        info->addrLen = sizeof(sockaddr_in6);
+    } else {
+        Tcping::fillTarget(info->server, info->port, &info->addr, &info->addrLen);
+    }
+    const int family = info->addr.ss_family;
+    info->sockfd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (info->sockfd < 0) {
         ALOGE("create socket failed of client!\n");
         return -1;
@@ -108,6 +140,42 @@ int boundSocket(tcping_info* info) {
     return info->sockfd;
 }
 
+// Records the family `info`'s probe goes over, with a log line when it changed.
+void noteFamily(tcping_info* info, bool fellBack) {
+    const int family = info->addr.ss_family;
+    if (family == info->family) return;
+    const char* dev = info->ifname != nullptr ? info->ifname : "(none)";
+    if (family == AF_INET6) {
+        ALOGI("%s has no IPv4 %s: probing it over IPv6 ([%s]:%d)", dev, fellBack ? "route" : "address",
+              info->server6, info->port6);
+    } else if (info->family != 0) {
+        ALOGI("%s has IPv4 again: probing it over IPv4", dev);
+    }
+    info->family = family;
+}
+
+// Starts the connection of the socket populateTcpingSocket made, leaving it
+// non-blocking. An IPv4 connect that fails at once for want of a route (the
+// link has no IPv4 route, or no address to send from) is replaced by one to the
+// IPv6 probe server when there is one. connect's result: 0, or -1 with errno
+// (EINPROGRESS: under way; the socket is closed on any other failure).
+int startConnect(tcping_info* info) {
+    for (bool fellBack = false;; fellBack = true) {
+        fcntl(info->sockfd, F_SETFL, fcntl(info->sockfd, F_GETFL, 0) | O_NONBLOCK);
+        const int result = connect(info->sockfd, reinterpret_cast<const sockaddr*>(&info->addr), info->addrLen);
+        const int error = errno;
+        const bool noRoute = error == ENETUNREACH || error == EHOSTUNREACH || error == EADDRNOTAVAIL;
+        if (result != 0 && error != EINPROGRESS) closeSocket(info);
+        if (result == 0 || error == EINPROGRESS || info->addr.ss_family != AF_INET || !noRoute ||
+            !haveIpv6Server(info)) {
+            noteFamily(info, fellBack);
+            errno = error;
+            return result;
+        }
+        if (boundSocket(info, true) < 0) return -1;
+    }
+}
+
 }  // namespace
 
 bool Tcping::fillTarget(const char* server, int port, sockaddr_storage* out, socklen_t* len) {
@@ -125,12 +193,18 @@ int Tcping::updateTcpingRtt(tcping_info* info, int offsetMs) {
     return getTcpingRtt(info, offsetMs);
 }
 
-int Tcping::populateTcpingSocket(tcping_info* info) { return boundSocket(info) < 0 ? -1 : 0; }
+int Tcping::populateTcpingSocket(tcping_info* info) {
+    return boundSocket(info, haveIpv6Server(info) && !hasIpv4Address(info->ifname)) < 0 ? -1 : 0;
+}
 
 int Tcping::getTcpingRtt(tcping_info* info, int offsetMs) {
     const char* dev = info->ifname != nullptr ? info->ifname : "(none)";
-    if (connect_with_timeout(info->sockfd, reinterpret_cast<const sockaddr*>(&info->addr), info->addrLen,
-                             timespec{0, kTimeoutUs * 1000}, info->abortFd) == -1) {
+    int connected = startConnect(info);
+    if (connected == -1 && errno == EINPROGRESS) {
+        const timespec deadline = deadlineAfterMs(kTimeoutMs);
+        connected = retrying_poll(info->sockfd, POLLIN | POLLOUT, &deadline, info->abortFd) >= 1 ? 0 : -1;
+    }
+    if (connected == -1) {
         if (errno != ECANCELED) ALOGE("connect failed of client,device is %s!\n", dev);
         closeSocket(info);
         return -1;
@@ -180,26 +254,6 @@ int Tcping::getTcpingRtt(tcping_info* info, int offsetMs) {
     return info->rtt;
 }
 
-int Tcping::connect_with_timeout(int fd, const sockaddr* addr, unsigned len, timespec timeout,
-                                 int abortFd) {
-    const int flags = fcntl(fd, F_GETFL, 0);
-    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    int result;
-    if (connect(fd, addr, len) == 0) {
-        result = 0;
-    } else if (errno != EINPROGRESS) {
-        result = -1;
-    } else {
-        timespec deadline = deadlineAfterMs(timeout.tv_sec * 1000 + timeout.tv_nsec / 1000000);
-        int polled = retrying_poll(fd, POLLIN | POLLOUT, &deadline, abortFd);
-        result = polled >= 1 ? polled : -1;
-    }
-    const int saved = errno;
-    fcntl(fd, F_SETFL, flags);
-    errno = saved;
-    return result;
-}
-
 int Tcping::genRandomString(int len, char* out) {
     timeval now;
     gettimeofday(&now, nullptr);
@@ -215,15 +269,15 @@ int Tcping::genRandomString(int len, char* out) {
     return 0;
 }
 
-bool Tcping::linkAnswers(const char* ifname, const char* server, int port, int timeoutMs, int abortFd) {
+bool Tcping::linkAnswers(const char* ifname, const char* server, int port, int timeoutMs, int abortFd,
+                         const char* server6) {
     tcping_info info;
     info.ifname = ifname;
     info.server = server;
     info.port = port;
-    if (boundSocket(&info) < 0) return false;
-    const int flags = fcntl(info.sockfd, F_GETFL, 0);
-    fcntl(info.sockfd, F_SETFL, flags | O_NONBLOCK);
-    bool answered = connect(info.sockfd, reinterpret_cast<const sockaddr*>(&info.addr), info.addrLen) == 0;
+    info.server6 = server6;
+    if (populateTcpingSocket(&info) != 0) return false;
+    bool answered = startConnect(&info) == 0;
     if (!answered && errno == EINPROGRESS) {
         const timespec deadline = deadlineAfterMs(timeoutMs);
         short revents = 0;

@@ -18,7 +18,7 @@ EngineRead readSelectionEngine(EngineState* out) {
     out->switchCount = state.switchCount;
     out->links.clear();
     for (const SlsLinkState& l : state.links) {
-        out->links.push_back({l.ifname, l.speed, l.level, l.missCount, l.rssiPenaltyMs, l.running});
+        out->links.push_back({l.ifname, l.speed, l.level, l.missCount, l.rssiPenaltyMs, l.running, l.probeFamily});
     }
     const SlsLastSwitch& last = state.lastSwitch;
     out->lastSwitch = {last.valid, last.wallMs, last.from, last.to, last.reason, last.detail};

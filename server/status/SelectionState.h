@@ -16,6 +16,7 @@ struct EngineLink {
     int missCount = 0;
     int rssiPenaltyMs = 0;
     bool running = false;
+    int probeFamily = 0;  // AF_INET, AF_INET6; 0 before the first probe
 };
 
 struct EngineState {

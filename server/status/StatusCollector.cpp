@@ -2,6 +2,7 @@
 
 #include "status/StatusCollector.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <mutex>
@@ -89,6 +90,7 @@ void collectSelection(const Snapshot& previous, Snapshot* out) {
                 l.misses = p->misses;
                 l.rssiPenaltyMs = p->rssiPenaltyMs;
                 l.probing = p->probing;
+                l.probeFamily = p->probeFamily;
             }
             return;
         case EngineRead::Read:
@@ -107,6 +109,7 @@ void collectSelection(const Snapshot& previous, Snapshot* out) {
         l->misses = e.missCount;
         l->rssiPenaltyMs = e.rssiPenaltyMs;
         l->probing = e.running;
+        l->probeFamily = e.probeFamily == AF_INET6 ? "ipv6" : e.probeFamily == AF_INET ? "ipv4" : "none";
     }
 }
 

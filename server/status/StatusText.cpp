@@ -25,7 +25,8 @@ bool LinkStatus::operator==(const LinkStatus& o) const {
     return name == o.name && mark == o.mark && table == o.table && metered == o.metered &&
            slave == o.slave && aggregated == o.aggregated && rateKbps == o.rateKbps &&
            share == o.share && probed == o.probed && rttMs == o.rttMs && level == o.level &&
-           misses == o.misses && rssiPenaltyMs == o.rssiPenaltyMs && probing == o.probing;
+           misses == o.misses && rssiPenaltyMs == o.rssiPenaltyMs && probing == o.probing &&
+           probeFamily == o.probeFamily;
 }
 
 bool LastSwitch::operator==(const LastSwitch& o) const {
@@ -128,6 +129,7 @@ std::string format(const Snapshot& s) {
             w.number(p + "misses", l.misses);
             w.number(p + "rssi_penalty_ms", l.rssiPenaltyMs);
             w.flag(p + "probing", l.probing);
+            w.text(p + "probe_family", l.probeFamily);
         }
     }
     w.text("selection.mode", s.mode);
@@ -340,6 +342,7 @@ bool setLinkField(LinkStatus& l, const std::string& field, const std::string& v,
     if (field == "misses") return *bit = kMisses, toInt(v, &l.misses);
     if (field == "rssi_penalty_ms") return *bit = kRssi, toInt(v, &l.rssiPenaltyMs);
     if (field == "probing") return *bit = kProbing, toFlag(v, &l.probing);
+    if (field == "probe_family") return *bit = 0, l.probeFamily = v, v == "ipv4" || v == "ipv6" || v == "none";
     *bit = 0;  // unknown field: skipped
     return true;
 }

@@ -53,6 +53,9 @@ struct LinkStatus {
     int misses = 0;
     int rssiPenaltyMs = 0;
     bool probing = false;  // probes running (not paused)
+    // "ipv4" or "ipv6": the family of the link's last probe; "none" before its
+    // first ("probe_family", optional: added after version 1).
+    std::string probeFamily = "none";
 
     bool operator==(const LinkStatus& o) const;
     bool operator!=(const LinkStatus& o) const { return !(*this == o); }

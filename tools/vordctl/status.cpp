@@ -192,18 +192,20 @@ std::string renderTable(const Snapshot& s, const Liveness& live) {
                    wallTime(s.updatedWallMs).c_str());
     if (!live.live) out += live.warning + "\n";
     out += "\n";
-    out += printf_("%-15s %-10s %-15s %-7s %-5s %11s %7s %6s %5s %6s %8s\n", "LINK", "MARK", "TABLE",
-                   "METERED", "SLAVE", "RATE kbit/s", "SHARE %", "RTT ms", "LEVEL", "MISSES", "RSSI +ms");
+    out += printf_("%-15s %-10s %-15s %-7s %-5s %11s %7s %6s %5s %6s %8s %6s\n", "LINK", "MARK", "TABLE",
+                   "METERED", "SLAVE", "RATE kbit/s", "SHARE %", "RTT ms", "LEVEL", "MISSES", "RSSI +ms",
+                   "PROBED");
     for (const LinkStatus& l : s.links) {
         std::string rtt = l.rttMs < 0 ? "failed" : std::to_string(l.rttMs);
-        out += printf_("%-15s %-10s %-15s %-7s %-5s %11s %7s %6s %5s %6s %8s\n", shown(l.name).c_str(),
+        const std::string family = l.probeFamily == "ipv4" ? "IPv4" : l.probeFamily == "ipv6" ? "IPv6" : "-";
+        out += printf_("%-15s %-10s %-15s %-7s %-5s %11s %7s %6s %5s %6s %8s %6s\n", shown(l.name).c_str(),
                        shown(l.mark).c_str(), shown(l.table).c_str(), l.metered ? "yes" : "no",
                        l.slave ? "yes" : "no",
                        dash(l.aggregated, std::to_string(l.rateKbps)).c_str(),
                        dash(l.aggregated, printf_("%.1f", static_cast<double>(l.share) * 100.0)).c_str(),
                        dash(l.probed, rtt).c_str(), dash(l.probed, std::to_string(l.level)).c_str(),
                        dash(l.probed, std::to_string(l.misses)).c_str(),
-                       dash(l.probed, std::to_string(l.rssiPenaltyMs)).c_str());
+                       dash(l.probed, std::to_string(l.rssiPenaltyMs)).c_str(), dash(l.probed, family).c_str());
     }
     if (s.links.empty()) out += "(no managed links)\n";
     out += "\n";
@@ -283,8 +285,10 @@ std::string renderJson(const Snapshot& s, const Liveness& live) {
         if (l.probed) {
             o += printf_(",\"rtt_ms\":%d,\"level\":%d,\"misses\":%d,\"rssi_penalty_ms\":%d,\"probing\":%s",
                          l.rttMs, l.level, l.misses, l.rssiPenaltyMs, jsonBool(l.probing));
+            o += ",\"probe_family\":" + (l.probeFamily == "none" ? std::string("null") : jsonString(l.probeFamily));
         } else {
-            o += ",\"rtt_ms\":null,\"level\":null,\"misses\":null,\"rssi_penalty_ms\":null,\"probing\":null";
+            o += ",\"rtt_ms\":null,\"level\":null,\"misses\":null,\"rssi_penalty_ms\":null,\"probing\":null,"
+                 "\"probe_family\":null";
         }
         o += "}";
     }
