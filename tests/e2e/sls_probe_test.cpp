@@ -28,17 +28,20 @@ using Clock = std::chrono::steady_clock;
 
 enum class Peer { Echo, Silent, CloseAfterRead };
 
-// A one-connection TCP server on 127.0.0.1 behaving as `mode`.
+// A one-connection TCP server on 127.0.0.1 (::1 with AF_INET6) behaving as `mode`.
 class ProbeServer {
   public:
-    explicit ProbeServer(Peer mode) {
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    explicit ProbeServer(Peer mode, int family = AF_INET) : fd_(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_storage addr{};
+        auto* in4 = reinterpret_cast<sockaddr_in*>(&addr);
+        auto* in6 = reinterpret_cast<sockaddr_in6*>(&addr);
+        addr.ss_family = static_cast<sa_family_t>(family);
+        if (family == AF_INET6) in6->sin6_addr = in6addr_loopback;
+        else in4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t len = sizeof(addr);
-        bind(fd_, reinterpret_cast<sockaddr*>(&addr), len);
+        bind(fd_, reinterpret_cast<sockaddr*>(&addr), family == AF_INET6 ? sizeof(*in6) : sizeof(*in4));
         getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-        port_ = ntohs(addr.sin_port);
+        port_ = ntohs(in4->sin_port);  // where sin6_port is
         listen(fd_, 4);
         thread_ = std::thread([this, mode] { serve(mode); });
     }
@@ -66,7 +69,7 @@ class ProbeServer {
         }
         close(c);
     }
-    int fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), port_ = 0;
+    int fd_, port_ = 0;
     std::atomic<bool> done_{false};
     std::atomic<size_t> received_{0};
     std::thread thread_;
@@ -159,6 +162,50 @@ TEST(ProbeE2E, EchoSilentClosingRefusedUnreachableAndMissingInterface) {
     EXPECT_TRUE(log.contains(" retrying_poll timeout"));
     EXPECT_TRUE(log.contains("E/MUX-Vord-Tcping: connect failed of client,device is vordblack0!"));
     EXPECT_TRUE(log.contains("E/MUX-Vord-Tcping: Set interface vordnosuch0 failed."));
+}
+
+// The family of a probe: IPv4 while the link has an IPv4 route; the IPv6 probe
+// server when the IPv4 connect fails at once for want of a route (a bound socket
+// has the kernel assume its destination on-link, so a multicast address, which
+// TCP refuses with ENETUNREACH, stands in), or at once when the link has no
+// IPv4 address. The connection that confirms a stall chooses alike.
+TEST(ProbeE2E, LinksWithoutIpv4AreProbedOverIpv6) {
+    if (geteuid() != 0) GTEST_SKIP() << "!!! probe tests need root for a private network namespace: SKIPPED !!!";
+    PrivateNetns netns;
+    ASSERT_TRUE(netns.ok()) << "no private network namespace";
+    LogCapture log;
+    const struct {
+        const char* server;
+        bool dropIpv4Address;
+        int family;
+        const char* logged;
+    } cases[] = {
+        {"127.0.0.1", false, AF_INET, nullptr},
+        {"224.0.0.1", false, AF_INET6, "I/MUX-Vord-Tcping: lo has no IPv4 route: probing it over IPv6 ([::1]:"},
+        {"127.0.0.1", true, AF_INET6, "I/MUX-Vord-Tcping: lo has no IPv4 address: probing it over IPv6 ([::1]:"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.server);
+        std::string out;
+        if (c.dropIpv4Address) {
+            ASSERT_EQ(0, shell("ip addr del 127.0.0.1/8 dev lo", &out)) << out;
+            EXPECT_FALSE(Tcping::linkAnswers("lo", c.server, 443, 500));
+            EXPECT_TRUE(Tcping::linkAnswers("lo", c.server, 443, 500, -1, "::1"));  // refused over IPv6
+        }
+        log.clear();
+        ProbeServer v4(Peer::CloseAfterRead), v6(Peer::CloseAfterRead, AF_INET6);  // one exchange
+        tcping_info info;
+        info.ifname = "lo";
+        info.server = c.server;
+        info.port = v4.port();
+        info.server6 = "::1";
+        info.port6 = v6.port();
+        EXPECT_GE(Tcping::updateTcpingRtt(&info, 0), 0);
+        EXPECT_EQ(c.family, info.family);
+        EXPECT_EQ(58u, (c.family == AF_INET ? v4 : v6).received());
+        EXPECT_EQ(c.logged != nullptr ? 1u : 0u, log.count("probing it over IPv6")) << ::testing::PrintToString(log.lines());
+        EXPECT_TRUE(c.logged == nullptr || log.contains(c.logged));
+    }
 }
 
 }  // namespace

@@ -36,6 +36,7 @@ TEST(Config, CommentCutAndConversionQuirks) {
         return std::to_string(p.get(mini_est_interval)) + "," + std::to_string(p.getTHystS()) + "," +
                std::to_string(p.getPingIntervalMs()) + "," + std::to_string(p.getRuleCommandTimeoutS());
     };
+    const Read probe6 = [](const Parameters& p) { return p.getIpv6ProbeServer(); };
     const struct { const char* text; Read read; const char* expected; } cases[] = {
         {"n_hyst=3 # three", nHyst, "3"},
         {"n_hyst=3#three", nHyst, "0"},  // the character before "#" goes with the comment
@@ -55,6 +56,9 @@ TEST(Config, CommentCutAndConversionQuirks) {
          "1000,0,1000,30"},
         {"mini_est_interval=2147483647\nmini_est_interval=60000\nrule_command_timeout_s=3600", period,
          "60000,0,1000,3600"},
+        // Only an IPv6 literal is taken.
+        {"ipv6_probe_server=1.1.1.1", probe6, VORD_DEFAULT_RTT_SERVER6},
+        {"ipv6_probe_server=fd66::1\nipv6_probe_server=[fd66::2]", probe6, "fd66::1"},
     };
     for (const auto& c : cases) {
         vord::test::TempRoot::writeAt(conf(), std::string(c.text) + "\n");
