@@ -37,6 +37,15 @@ std::vector<int> probeResults(const std::string& log, const std::string& link) {
     return out;
 }
 
+// The median of the kernel's RTTs the daemon logged for `link` within 1 ms + 5 %
+// of the emulated `want` (a busy host may stretch a few).
+void expectProbeRtt(const std::string& log, const std::string& link, int want) {
+    std::vector<int> got = probeResults(log, link);
+    ASSERT_FALSE(got.empty()) << link;
+    std::sort(got.begin(), got.end());
+    EXPECT_LE(std::abs(got[got.size() / 2] - want), 1 + want / 20.0) << link << ": " << ::testing::PrintToString(got);
+}
+
 // The daemon runs as on the device: not root, with only its two capabilities.
 class SlsLabE2E : public LabTest {
   protected:
@@ -68,14 +77,8 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
     vordctl("sls-start 10123");
     ASSERT_TRUE(daemon->waitForLog(",device is wlan0", 20s, 4)) << daemon->log();
     ASSERT_TRUE(daemon->waitForLog(",device is rmnet_data0", 20s, 4));
-    // The kernel's RTT of the probes: their median within 1 ms + 5 % of the
-    // emulated one (a busy host may stretch a few).
-    for (const auto& [link, want] : {std::pair<std::string, int>{"wlan0", 40}, {"rmnet_data0", 30}}) {
-        std::vector<int> got = probeResults(daemon->log(), link);
-        ASSERT_FALSE(got.empty()) << link;
-        std::sort(got.begin(), got.end());
-        EXPECT_LE(std::abs(got[got.size() / 2] - want), 1 + want / 20.0) << link << ": " << ::testing::PrintToString(got);
-    }
+    expectProbeRtt(daemon->log(), "wlan0", 40);
+    expectProbeRtt(daemon->log(), "rmnet_data0", 30);
     ASSERT_TRUE(daemon->waitForLog("calcInterface SLA_RTT_SELECTED perform switch wlan0 ", 10s)) << daemon->log();
     for (bool v6 : {false, true}) EXPECT_NE(mangle(v6).find("-A vexo_SLS -j vexo_sls_uid_wlan0"), std::string::npos) << mangle(v6);
 
@@ -183,6 +186,43 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
     EXPECT_TRUE(snapshot(&last) && last.state == "stopped" && last.lastSwitch.valid) << root.readFile(kSnapshot);
     EXPECT_EQ("", lab->exec("iptables-save | grep vexo_") + lab->exec("ip6tables-save | grep vexo_"));
     for (const char* rules : {"ip rule", "ip -6 rule"}) EXPECT_EQ(std::string::npos, lab->exec(rules).find("fwmark")) << lab->exec(rules);
+}
+
+// An IPv6-only rmnet_data0 (no IPv4 address) is probed over IPv6, at the lab's
+// IPv6 probe server, ranked by that RTT and chosen over a slower wlan0: the
+// game's IPv6 connection moves to it.
+TEST_F(SlsLabE2E, Ipv6OnlyCellularIsProbedOverIpv6RankedAndChosen) {
+    // 30 ms round trip on rmnet_data0, 160 ms on wlan0 (one Wi-Fi level lower).
+    ASSERT_NO_FATAL_FAILURE(buildLab({{"wlan0", 80}, {"rmnet_data0", 15, true}}, "wlan0"));
+    ASSERT_TRUE(lab->setProbeServer("fill"));  // each exchange one round trip
+    root.writeFile("/proc/sla/config", "");
+    ASSERT_NO_FATAL_FAILURE(startDaemon(kConf));
+    auto game6 = lab->startClient(10123, true);
+    ASSERT_EQ("wlan0", LabClient::linkOf(game6->waitForLine("connected ", 5s))) << game6->output();
+    vordctl("ifaces wlan0,rmnet_data0");
+    vordctl("sls-start 10123");
+    ASSERT_TRUE(daemon->waitForLog("perform switch rmnet_data0 ", 20s)) << daemon->log();
+    ASSERT_TRUE(daemon->waitForLog(",device is rmnet_data0", 10s, 4));
+    EXPECT_EQ(1u, daemon->countLog("rmnet_data0 has no IPv4 address: probing it over IPv6 ([2606:4700:4700::1111]:443)"))
+        << daemon->log();
+    expectProbeRtt(daemon->log(), "rmnet_data0", 30);
+    // Destroyed at the switch, the game's connection comes back over rmnet_data0.
+    EXPECT_TRUE(waitFor([&] {
+        const std::vector<std::string> again = game6->linesStartingWith("reconnected ");
+        return !again.empty() && LabClient::linkOf(again.back()) == "rmnet_data0";
+    }, 5s)) << game6->output();
+
+    status::Snapshot s;
+    ASSERT_TRUE(waitFor([&] { return status::parse(root.readFile(kSnapshot), &s, nullptr) && s.current == "rmnet_data0"; }, 3s))
+        << root.readFile(kSnapshot);
+    for (const status::LinkStatus& l : s.links) {
+        const bool cell = l.name == "rmnet_data0";
+        EXPECT_EQ(cell ? "ipv6" : "ipv4", l.probeFamily) << l.name;
+        EXPECT_EQ(cell ? 10 : 9, l.level) << l.name;  // the cellular and Wi-Fi bands of 30 and 160 ms
+    }
+    std::string table;
+    ASSERT_EQ(0, test::vordctl(root, "status", &table));
+    EXPECT_NE(table.find(" IPv6\n"), std::string::npos) << table;
 }
 
 }  // namespace
