@@ -81,10 +81,10 @@ ssize_t receiveWithin(int fd, char* buffer, size_t size, int abortFd) {
 
 // Whether `ifname` has an IPv4 address. Also true when that cannot be told (no
 // such interface: binding to it fails next, with its own log line) and for an
-// unbound probe.
+// unbound probe. Asked through a TCP socket, the class the probes already use.
 bool hasIpv4Address(const char* ifname) {
     if (ifname == nullptr) return true;
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return true;
     ifreq request;
     memset(&request, 0, sizeof(request));

@@ -20,7 +20,8 @@ Snapshot sample() {
     s.updatedMonoMs = 12345678;
     s.updatedWallMs = 1763859840123;
     // name, mark, table, metered, slave; aggregated, rate, share; probed, rtt, level, misses, penalty
-    const LinkStatus wlan{"wlan0", "0x200000", "wlan0", false, false, true, 1200, 0.75f, true, -1, 1, 3, 40};
+    LinkStatus wlan{"wlan0", "0x200000", "wlan0", false, false, true, 1200, 0.75f, true, -1, 1, 3, 40};
+    wlan.probeFamily = "ipv6";
     // A name with a dot, neither aggregated nor probed.
     const LinkStatus vlan{"eth0.100", "0x400000", "eth0.100", true, true};
     s.links = {wlan, vlan};
