@@ -1,6 +1,7 @@
 // The RTT probe. Every failure is -1 and logged at error level; the caller counts
 // it as a miss. Names are never resolved: the server text goes through inet_addr,
-// and anything but a dotted IPv4 address fails at connect.
+// and anything but a dotted IPv4 address fails at connect. A link without IPv4
+// is probed at the IPv6 probe server instead (see Tcping.h).
 //
 // The socket keeps its 500 ms send and receive time-outs, but the exchanges wait
 // in poll (with the record's abort descriptor) and then send or receive without
