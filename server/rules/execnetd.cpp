@@ -245,14 +245,17 @@ int execnetd(const char* cmd, CommandOutcome* outcome, std::string* listing) {
     }
     vord::bump(vord::counters().ruleCommandsRun);
     ALOGI("SEND SLA NDC COMMAND - PASS  %s\n", cmd);
-    ToolOutput output(cmd, listing);
+    // A caller that takes the outcome reports a failure itself (once per group of
+    // commands), so the tool's output is collected rather than logged line by line.
+    std::string unlogged;
+    ToolOutput output(cmd, listing != nullptr ? listing : outcome != nullptr ? &unlogged : nullptr);
     bool killed = false;
     const int status = superviseTool(pid, fds[0], output, killed);
     close(fds[0]);
     const std::string kept = output.finish();
     const std::string result = describeFailure(status, killed);
     if (!result.empty()) {
-        ALOGE("%s command failed (%s): %s", "execnetd", result.c_str(), cmd);
+        if (outcome == nullptr) ALOGE("%s command failed (%s): %s", "execnetd", result.c_str(), cmd);
         vord::bump(vord::counters().ruleCommandsFailed);
         vord::recordRuleFailure({cmd, result, vord::escapeForLog(kept, kKeptOutput)});
     }

@@ -21,7 +21,9 @@ constexpr int kDefaultRuleCommandTimeoutSeconds = 30;
 // tool could be started, -1 when not (including a command line too long to run
 // in full). A tool that exits non-zero or is killed is logged and counted as
 // failed, and becomes the last failure of the status snapshot; the result is
-// still 0. `outcome`, when given, receives how the tool ended. With `listing`, the
+// still 0. `outcome`, when given, receives how the tool ended, and the caller
+// then logs a failure itself: the tool's output and failure are counted and kept
+// but not logged here. With `listing`, the
 // tool's output is collected there instead of being logged (a listing the daemon
 // reads, not a complaint).
 int execnetd(const char* cmd, CommandOutcome* outcome = nullptr, std::string* listing = nullptr);

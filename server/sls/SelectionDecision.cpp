@@ -42,6 +42,8 @@ void SmartLinkSelection::slsChooseInterface() {
     } else if (gaming == 2 && params->isGamingAiModeCheckRtt()) {
         calcInterface();
         gamingAiModeCheck();
+    } else {
+        m_aiModeCheckStart = 0;  // no check runs: the next one dwells afresh
     }
 }
 
@@ -196,8 +198,7 @@ void SmartLinkSelection::gamingAiModeCheck() {
     bool onWifi;
     {
         std::lock_guard<std::mutex> lock(g_slsMapMutex);
-        if (m_currentInterface == nullptr) return;
-        onWifi = isWifi(m_currentInterface);
+        onWifi = m_currentInterface != nullptr && isWifi(m_currentInterface);
     }
     if (params->isGamingRunning() != 2 || !params->isGamingAiModeCheckRtt()) return;
     if (!onWifi) {

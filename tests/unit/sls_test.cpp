@@ -287,7 +287,7 @@ TEST_F(SlsTest, VoipPeerBecomesTheProbeTargetOnlyWhileTheServerIsTheDefault) {
     EXPECT_TRUE(log->contains("open voip state file failed:"));
 }
 
-TEST_F(SlsTest, GameModeCheckEndsAfterSixSecondsOnWifiAndACellularLinkResetsTheTimer) {
+TEST_F(SlsTest, GameModeCheckEndsAfterSixSecondsOnWifiAndACellularLinkOrAnEndedCheckResetsTheTimer) {
     const auto choose = &SmartLinkSelection::slsChooseInterface;
     unittest::addRecord(kWlan0);
     unittest::addRecord(kRmnet);
@@ -296,6 +296,10 @@ TEST_F(SlsTest, GameModeCheckEndsAfterSixSecondsOnWifiAndACellularLinkResetsTheT
     addLink("wlan0", 11);
     addLink("rmnet_data0", 0);
     after(0, choose);  // on wlan0: the timer starts
+    params->setGamingAiModeCheckRtt(false);  // a command ends that check mid-dwell
+    after(10, choose);
+    params->setGamingAiModeCheckRtt(true);  // the next check dwells afresh
+    after(0, choose);
     after(5, choose);
     setLevels({{"rmnet_data0", 10}, {"wlan0", 5}});
     after(1, choose);  // switched to rmnet_data0: timer reset

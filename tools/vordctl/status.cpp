@@ -37,6 +37,17 @@ enum Exit { kFresh = 0, kNoSnapshot = 1, kUsage = 2, kNotLive = 3 };
 // would drive the terminal) and other bytes outside printable ASCII as "\xNN".
 std::string shown(const std::string& text) { return vord::escapeForLog(text, kMaxFileSize); }
 
+// A rule tool's output is kept escaped in the snapshot already (\\ and \xNN):
+// only what is still not printable is escaped here, so escapes are not doubled.
+std::string shownEscaped(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        const unsigned char u = static_cast<unsigned char>(c);
+        out += u >= 0x20 && u < 0x7f ? std::string(1, c) : shown(std::string(1, c));
+    }
+    return out;
+}
+
 void usage(FILE* out) {
     fprintf(out,
             "usage: vordctl status [--json] [--watch] [--file PATH]\n"
@@ -237,7 +248,7 @@ std::string renderTable(const Snapshot& s, const Liveness& live) {
     if (!s.lastFailedCommand.empty()) {
         // Built without printf_: the command and its output may be long.
         out += "Last failed rule command (" + shown(s.lastFailedResult) + "): " + shown(s.lastFailedCommand) +
-               "\n           output: " + (s.lastFailedOutput.empty() ? "(none)" : shown(s.lastFailedOutput)) + "\n";
+               "\n           output: " + (s.lastFailedOutput.empty() ? "(none)" : shownEscaped(s.lastFailedOutput)) + "\n";
     }
     return out;
 }
