@@ -1,7 +1,7 @@
 // The link lab itself: delays as set over IPv4 and IPv6 (an IPv6-only link
 // carries no IPv4), cuts, routing, the application client, the probe server's
-// modes, the carrier, and a teardown that leaves nothing behind. The daemon
-// inside the lab is the other end-to-end tests' business.
+// modes and a teardown that leaves nothing behind. The daemon inside the lab
+// (and the carrier, which it follows) is the other end-to-end tests' business.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -32,11 +32,11 @@ bool running(pid_t pid) {
 class LinkLabE2E : public LabTest {};
 
 // One lab through every phase: delays, routing and the application client, cuts,
-// the probe exchange in each probe-server mode, the carrier, and the teardown.
-TEST_F(LinkLabE2E, DelaysRoutesCutsProbeServerModesCarrierAndTeardown) {
+// the probe exchange in each probe-server mode, and the teardown.
+TEST_F(LinkLabE2E, DelaysRoutesCutsProbeServerModesAndTeardown) {
     const std::vector<LinkLab::Link> links = {{"wlan0", 20}, {"wlan1", 25}, {"rmnet_data0", 15, true}};
     ASSERT_NO_FATAL_FAILURE(buildLab(links, "wlan0"));
-    // A counter of one link in the lab's status ("dropped", "down_packets", ...).
+    // A counter of one link in the lab's status ("dropped", ...).
     auto counter = [&](const std::string& link, const std::string& field) {
         const std::string status = lab->status();
         const size_t line = status.find("\n" + link + " ");
@@ -78,61 +78,31 @@ TEST_F(LinkLabE2E, DelaysRoutesCutsProbeServerModesCarrierAndTeardown) {
     EXPECT_EQ(LabClient::linkOf(app->waitForLine("connected ", 5s)), "wlan0") << app->output();
     EXPECT_EQ(lab->connections(10123, 3, true), "connections=3 failed=0 wlan0=3\n");
 
-    // Its connection over a cut link stalls, then carries on when restored.
+    // A cut drops what comes in; the other links are untouched; a restore carries again.
     ASSERT_TRUE(lab->cut("wlan0"));
-    std::this_thread::sleep_for(400ms);
-    ASSERT_TRUE(lab->restore("wlan0"));
-    const long resumed = counter("wlan0", "down_packets");
-    std::this_thread::sleep_for(400ms);
-    EXPECT_GT(counter("wlan0", "down_packets"), resumed);
-    EXPECT_TRUE(app->linesStartingWith("connection").empty()) << app->output();
-
-    // A cut drops both ways; the other links are untouched; a restore carries again.
-    ASSERT_TRUE(lab->cut("wlan0"));
-    const long delivered = counter("wlan0", "down_packets");
     EXPECT_EQ(rttUs("wlan0", "--exchanges 1 --timeout 300"), -1);
     EXPECT_GT(rttUs("rmnet_data0", "-6 --exchanges 1 --timeout 300"), 0);
     EXPECT_NE(lab->status().find("wlan0 delay=5ms rtt=10ms state=cut"), std::string::npos);
-    const long dropped = counter("wlan0", "dropped");
-    EXPECT_GT(dropped, 0) << lab->status();
-    const std::string fromPeer = "timeout 1 bash -c 'exec 3<>/dev/tcp/10.66.1.2/9'";
-    lab->exec(fromPeer, true);
-    EXPECT_GT(counter("wlan0", "dropped"), dropped);
-    EXPECT_EQ(counter("wlan0", "down_packets"), delivered);
+    EXPECT_GT(counter("wlan0", "dropped"), 0) << lab->status();
     ASSERT_TRUE(lab->restore("wlan0"));
-    EXPECT_NE(lab->exec(fromPeer, true).find("refused"), std::string::npos);  // a reset came back
     EXPECT_GT(rttUs("wlan0", "--exchanges 1 --timeout 1000"), 0);
     EXPECT_FALSE(lab->cut("wlan9"));
 
-    // The daemon's probe exchange: 58 bytes out, a receive of up to 60 with
-    // MSG_WAITALL bounded by its time-out; fill mode answers it in one round trip.
+    // The daemon's probe exchange (58 bytes out, a receive of up to 60 with
+    // MSG_WAITALL bounded by its time-out) in each probe-server mode: exact
+    // echoes (each exchange waits for the time-out), fill completes it in one
+    // round trip, close answers and ends at once, silent never answers.
     const std::string daemonLike = "--receive 60 --timeout 300 --exchanges 3";
-    const std::string exact = lab->probe("wlan0", daemonLike);
-    EXPECT_GE(LinkLab::field(exact, "elapsed_ms"), 3 * 300) << exact;  // each at the time-out
+    EXPECT_GE(LinkLab::field(lab->probe("wlan0", daemonLike), "elapsed_ms"), 3 * 300);
     ASSERT_TRUE(lab->setProbeServer("fill"));
-    EXPECT_NE(lab->status().find(" probe-echo fill\n"), std::string::npos);
     const std::string fill = lab->probe("wlan0", daemonLike);
     EXPECT_EQ(LinkLab::field(fill, "exchanges"), 3) << fill;
-    EXPECT_LT(LinkLab::field(fill, "elapsed_ms"), 3 * 300) << fill;
     EXPECT_NEAR(LinkLab::field(fill, "rtt_us"), 10000, 1500) << fill;
     EXPECT_EQ(LinkLab::field(lab->probe("wlan0"), "exchanges"), 10) << "echo intact in fill mode";
-    // close: an alert record, then the end, at once; silent: no answer at all.
     ASSERT_TRUE(lab->setProbeServer("close"));
     EXPECT_LT(LinkLab::field(lab->probe("wlan0", daemonLike), "elapsed_ms"), 300);
     ASSERT_TRUE(lab->setProbeServer("silent"));
     EXPECT_NE(lab->probe("wlan0", daemonLike).find("no exchange"), std::string::npos);
-    ASSERT_TRUE(lab->setProbeServer("exact"));
-    // Without its carrier the handset sees the link so and nothing passes.
-    ASSERT_TRUE(lab->setCarrier("wlan0", false));
-    EXPECT_NE(lab->exec("ip link show wlan0").find("NO-CARRIER"), std::string::npos);
-    EXPECT_NE(lab->status().find("wlan0 delay=5ms rtt=10ms state=no-carrier"), std::string::npos);
-    EXPECT_EQ(rttUs("wlan0", "--exchanges 1 --timeout 300"), -1);
-    // Back: the kernel takes the link up again within its link-watch delay (up
-    // to a second), and then it carries.
-    ASSERT_TRUE(lab->setCarrier("wlan0", true));
-    EXPECT_TRUE(waitFor([&] { return lab->exec("ip link show wlan0").find("state UP") != std::string::npos; }, 3s));
-    EXPECT_GT(rttUs("wlan0", "--exchanges 1 --timeout 1000"), 0);
-    EXPECT_FALSE(lab->setCarrier("wlan9", false));
 
     // Down leaves no namespace, process or file behind.
     const std::string name = lab->name(), status = lab->status();

@@ -54,9 +54,9 @@ class SlsLabE2E : public LabTest {
 
 // Selection of the faster link; a switch when it loses its carrier and when it
 // goes silent under the game's traffic (moving the game's IPv4 and IPv6
-// connections), none when only the game's server stalls; then game mode and a
-// voice call, and a shutdown that leaves no rule behind in either family.
-TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
+// connections), none when only the game's server stalls; then a voice call,
+// and a shutdown that leaves no rule behind in either family.
+TEST_F(SlsLabE2E, SelectionCutVoiceCallAndShutdown) {
     // 40 ms and 30 ms round trips; without selection traffic takes rmnet_data0.
     // The probe server answers as a TLS server answers bytes that are not a
     // handshake: an alert record, then it closes.
@@ -151,24 +151,8 @@ TEST_F(SlsLabE2E, SelectionCutGameModeVoiceCallAndShutdown) {
     EXPECT_TRUE(waitFor(chainsGone, 5s)) << mangle();
     EXPECT_TRUE(probingStopped());
 
-    // Game mode and a voice call, with wlan0 back.
+    // A voice call, with wlan0 back (game mode's tables and probes: unit tests).
     ASSERT_TRUE(lab->restore("wlan0"));
-    vordctl("game-mode 10123");
-    ASSERT_TRUE(daemon->waitForLog("setGameAiModeEnable enable"));
-    EXPECT_TRUE(waitFor([&] { return mangle().find("--uid-owner 10123 -j vexo_sls_wlan0") != std::string::npos; }, 5s))
-        << mangle();
-    const size_t probed = probes();
-    std::this_thread::sleep_for(500ms);
-    EXPECT_EQ(probed, probes());  // game mode alone does not probe
-    const size_t onRmnet = daemon->countLog(",device is rmnet_data0");
-    const size_t switches = daemon->countLog("calcInterface SLA_RTT_SELECTED perform switch wlan0 ");
-    vordctl("game-rtt-check 1");
-    EXPECT_TRUE(daemon->waitForLog(",device is rmnet_data0", 10s, onRmnet + 1));
-    EXPECT_TRUE(daemon->waitForLog("calcInterface SLA_RTT_SELECTED perform switch wlan0 ", 10s, switches + 1));
-    vordctl("sls-stop");
-    EXPECT_TRUE(waitFor(chainsGone, 5s)) << mangle();
-    EXPECT_TRUE(probingStopped());
-
     using namespace std::string_literals;
     const size_t onWlan = daemon->countLog(",device is wlan0");
     vordctl("voip 10123");

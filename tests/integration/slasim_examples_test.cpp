@@ -1,9 +1,6 @@
 // The examples of `sla_stats_sim --help`, run as printed: the record interval
-// each gets for the daemon's limits, and one against the real daemon with its
-// default configuration, which reads every link's rate and spreads new
-// connections as the help says.
-#include <algorithm>
-#include <cmath>
+// each gets for the daemon's limits. (The daemon reading the simulator's rates:
+// status_snapshot_test.)
 #include <sstream>
 #include <vector>
 
@@ -13,8 +10,6 @@ namespace {
 
 using namespace vord::test;
 
-const std::vector<std::string> kExamples = {"sla_stats_sim wlan0=1200kbit rmnet_data0=600kbit",
-                                            "sla_stats_sim wlan0=8mbit rmnet_data0=4mbit"};
 
 // The interval the simulator starts with, or its refusal, for the daemon's limits
 // (vord.conf in the root when given, else the defaults); the first rows are the
@@ -27,7 +22,9 @@ TEST(SlaStatsSimHelp, ExamplesAndIntervalsFitTheDaemonsEstimatorOrAreRefused) {
     for (std::string line; std::getline(lines, line);) {
         if (line.compare(0, 16, "  sla_stats_sim ") == 0) printed.push_back(line.substr(2));
     }
-    EXPECT_EQ(printed, kExamples) << help;
+    EXPECT_EQ(printed, (std::vector<std::string>{"sla_stats_sim wlan0=1200kbit rmnet_data0=600kbit",
+                                                "sla_stats_sim wlan0=8mbit rmnet_data0=4mbit"}))
+        << help;
     const struct {
         const char* conf;  // nullptr: none
         const char* args;
@@ -58,30 +55,6 @@ TEST(SlaStatsSimHelp, ExamplesAndIntervalsFitTheDaemonsEstimatorOrAreRefused) {
                   c.status);
         EXPECT_NE(out.find(c.output), std::string::npos) << out;
     }
-}
-
-// The example above "wifi_threshold", its words as printed (the root comes from
-// VORD_ROOT): Wi-Fi takes every new connection.
-TEST_F(DaemonTest, HelpExampleReadByTheDefaultDaemon) {
-    std::vector<std::string> words;
-    std::istringstream split(kExamples[1]);
-    for (std::string w; split >> w;) words.push_back(w);
-    words[0] = binPath(words[0]);
-    Spawned sim(words, root.at("/sim.log"), root.path());
-    ASSERT_TRUE(waitFor([&] { return countOf(root.readFile("/sim.log"), "config channel") > 0; }))
-        << root.readFile("/sim.log");
-
-    ASSERT_NO_FATAL_FAILURE(startDaemon(""));  // no vord.conf: the defaults
-    ASSERT_TRUE(client.connect(std::chrono::seconds(10)) && client.send(1, "wlan0,rmnet_data0"));
-    // The ratio lines (at most one burst every 6 s) show each link's rate.
-    auto seen = [&](double rate) {
-        const std::vector<double> rates = numbersAfter(daemon.log(), "LRE = ");
-        return std::any_of(rates.begin(), rates.end(), [&](double r) { return std::abs(r - rate) <= 0.05 * rate; });
-    };
-    EXPECT_TRUE(waitFor([&] { return seen(8192) && seen(4096); }, std::chrono::seconds(20)))
-        << daemon.log() << root.readFile("/sim.log");
-    EXPECT_TRUE(waitFor([&] { return newestCascadeIs({{"vexo_fw_wlan0", 1}, {"vexo_fw_rmnet_data0_wrapper", 0}}); }))
-        << root.recordedCommands();
 }
 
 }  // namespace

@@ -45,6 +45,14 @@ TEST_F(DaemonTest, SelectionStartAndStopShowInTheSnapshotAndTheProbeThreads) {
         }
         return true;
     })) << status::format(last);
+    // Command 1 takes a link's selection record (and its probe) away with its
+    // registry record, and brings both back.
+    ASSERT_TRUE(client.send(1, "wlan7"));
+    EXPECT_TRUE(daemon.waitForLog("m_slsInterfaceMap del rmnet_data9 success!")) << daemon.log();
+    EXPECT_TRUE(waitThreads(idleThreads + 3)) << threadCount(daemon.pid());
+    ASSERT_TRUE(client.send(1, "wlan7,rmnet_data9"));
+    EXPECT_TRUE(daemon.waitForLog("m_slsInterfaceMap add rmnet_data9 success!")) << daemon.log();
+    EXPECT_TRUE(waitThreads(idleThreads + 4)) << threadCount(daemon.pid());
 
     ASSERT_TRUE(client.send(10, ""));
     EXPECT_TRUE(waitThreads(idleThreads)) << threadCount(daemon.pid());
@@ -56,9 +64,10 @@ TEST_F(DaemonTest, SelectionStartAndStopShowInTheSnapshotAndTheProbeThreads) {
     EXPECT_EQ(failures, daemon.countLog("Set interface wlan7 failed."));
     client.close();
     // Any signal that would end the process runs the property's teardown, then
-    // exits 0.
+    // exits 0. The stop kept the gaming UIDs: their sockets go at shutdown, in order.
     EXPECT_EQ(daemon.signal(SIGUSR2), 0);
     EXPECT_EQ("", missingInOrder(daemon.log(), {"SIGUSR2 received: cleaning up, then exiting", "Mux disabled",
+                                                "destroying TCP sockets: 10123", "destroying TCP sockets: 10456",
                                                 "Vord exiting"}));
     EXPECT_NE(root.recordedCommands().find("-X vexo_SLS"), std::string::npos);
 }

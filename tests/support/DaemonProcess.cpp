@@ -64,14 +64,6 @@ size_t countOf(const std::string& text, const std::string& needle) {
     return n;
 }
 
-std::vector<double> numbersAfter(const std::string& text, const std::string& key) {
-    std::vector<double> out;
-    for (size_t at = text.find(key); at != std::string::npos; at = text.find(key, at + 1)) {
-        out.push_back(atof(text.c_str() + at + key.size()));
-    }
-    return out;
-}
-
 std::string missingInOrder(const std::string& text, const std::vector<std::string>& needles) {
     size_t from = 0;
     for (const std::string& needle : needles) {
@@ -168,17 +160,6 @@ bool DaemonProcess::waitForLog(const std::string& needle, std::chrono::milliseco
 bool DaemonProcess::waitUntilServing(std::chrono::milliseconds timeout) const {
     return waitForLog("Created socket success", timeout) &&
            waitFor([&] { return listening(root_.at("/dev/socket/vord"), pid()); }, timeout);
-}
-
-long DaemonProcess::cpuTimeMs() const {
-    const std::string stat = readWholeFile("/proc/" + std::to_string(pid()) + "/stat");
-    // The fields after the command name start at field 3; utime is 14, stime 15.
-    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
-    std::string skipped;
-    long utime = 0, stime = 0;
-    for (int i = 3; i < 14; ++i) fields >> skipped;
-    fields >> utime >> stime;
-    return (utime + stime) * 1000 / sysconf(_SC_CLK_TCK);
 }
 
 bool DaemonProcess::stopThroughProperty(std::chrono::milliseconds timeout) {

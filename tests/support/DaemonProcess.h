@@ -26,8 +26,6 @@ int vordctl(const TempRoot& root, const std::string& args, std::string* output =
 int threadCount(pid_t pid);
 // Occurrences of `needle` in `text`.
 size_t countOf(const std::string& text, const std::string& needle);
-// The numbers that follow each occurrence of `key` in `text`.
-std::vector<double> numbersAfter(const std::string& text, const std::string& key);
 // The first of `needles` that `text` lacks after the one before it; "" when
 // all are there, in that order.
 std::string missingInOrder(const std::string& text, const std::vector<std::string>& needles);
@@ -107,8 +105,6 @@ class DaemonProcess {
     // Waits until the control socket listens. Does not connect, so the daemon's
     // one-client-at-a-time cycle (and its log) is left untouched.
     bool waitUntilServing(std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    // CPU time (user + system) consumed so far, in milliseconds.
-    long cpuTimeMs() const;
     // Stops the daemon through the property and waits for "Vord exiting".
     bool stopThroughProperty(std::chrono::milliseconds timeout = std::chrono::seconds(15));
 

@@ -59,12 +59,6 @@ class MonitorTest : public ::testing::Test, unittest::NoConf {
     vord::LogCapture log;
 };
 
-TEST(RssiPenalty, SignalTable) {
-    const std::pair<int, int> table[] = {{0, 0},   {3, 0},   {-65, 0},  {-66, 10}, {-72, 10},  {-73, 30},
-                                         {-78, 30}, {-79, 60}, {-84, 60}, {-85, 100}, {-128, 100}};
-    for (const auto& r : table) EXPECT_EQ(RssiStateMonitor::penaltyForSignal(r.first), r.second) << r.first;
-}
-
 TEST_F(MonitorTest, RssiQueriesWifiLinksWithValidBssidAndLogsChangesOnly) {
     registerLinks({"wlan0", "wlan1", "rmnet_data0"});
     p.UpdateInterfaceBssid("AA:BB:CC:DD:EE:FF");  // wlan1 keeps the unknown BSSID
@@ -419,6 +413,8 @@ TEST_F(MonitorTest, DualWifiMonitorSetsTheSelectionStatusWithHysteresis) {
     EXPECT_EQ(p.getDoubleWifiSelectStatus(), 0);
     p.setDoubleWifiSelectStatus(2);
     monitor.start();
+    monitor.start();  // already running: nothing
+    EXPECT_EQ(log.count("DoubleWifiMonitor started"), 1u);
     EXPECT_TRUE(p.isDWMonitorStatus());
     monitor.stop();  // a stop clears the status
     EXPECT_FALSE(p.isDWMonitorStatus());

@@ -190,7 +190,7 @@ TEST_F(NetlinkUtilsTest, StationSignalErrorReplyAndSequenceWrap) {
     EXPECT_EQ(utils.GetSequenceNumberForTesting(), 1u);
 }
 
-TEST_F(NetlinkUtilsTest, MultipartReplyOverTwoReads) {
+TEST_F(NetlinkUtilsTest, MultipartReplyOverTwoReadsAndATimeout) {
     // First read: an unsolicited message (sequence 0) and part one; second read:
     // part two and NLMSG_DONE.
     queue(Concat({Reply(kFamily, 19, 0), Reply(kFamily, 19, 42, kMulti)}));
@@ -200,9 +200,7 @@ TEST_F(NetlinkUtilsTest, MultipartReplyOverTwoReads) {
     ASSERT_EQ(responses.size(), 2u);
     EXPECT_EQ((std::vector<int>{responses[0]->GetCommand(), responses[1]->GetCommand()}), (std::vector<int>{19, 20}));
     EXPECT_EQ(utils.PendingRequestCountForTesting(), 0u);
-}
-
-TEST_F(NetlinkUtilsTest, TimeoutLeavesNoHandler) {
+    // No reply at all: a time-out that leaves no handler behind.
     std::unique_ptr<const NL80211Packet> response;
     EXPECT_FALSE(utils.SendMessageAndGetSingleResponse(NL80211Packet(kFamily, 17, 9, 0), &response));
     EXPECT_EQ(utils.PendingRequestCountForTesting(), 0u);

@@ -1,8 +1,7 @@
 // Link aggregation: the rate estimator over statistics blocks built in memory or
 // in files, the best-recent-estimate cache, shares from rates and the change
-// test, the per-period driver, the module's configuration lines, the block
-// mapping (a block cut short while mapped is skipped, never read) and the VoIP
-// state file.
+// test, the per-period driver, the module's configuration lines and the block
+// mapping (a block cut short while mapped is skipped, never read).
 #include "UnitSupport.h"
 
 #include <fcntl.h>
@@ -261,7 +260,7 @@ TEST_F(SlaTest, ConfigLinesInOrderAndAnInterfaceChangeDisablesFirst) {
     EXPECT_TRUE(impl->enableSLA(true));
     link("wlan0", false);
     link("rmnet_data0", true);
-    link("wlan1", false);
+    unittest::addRecord("wlan1,0,t_wlan1,0x400000,0,0,0,0,ffffffffffff");  // the name, not the table
     EXPECT_TRUE(impl->updateSlaInterfacemap("wlan1", true));
     // Each line ends in its NUL byte.
     EXPECT_EQ("protocols=http,https\0ports=80,443\0enable=1\0enable=0\0protocols=http,https\0ports=80,443\0"
@@ -295,24 +294,6 @@ TEST_F(SlaTest, ShortBlockUnreadFifoOrMissingModuleAreLoggedAndNothingBlocks) {
     std::lock_guard<std::mutex> lock(g_slaMapMutex);
     ASSERT_EQ(1u, impl->slaInterfaceMap().size());
     EXPECT_EQ(nullptr, wrapper("wlan0")->stats);
-}
-
-// The tracking lines reach the module through the daemon in the integration tests.
-TEST_F(SlaTest, VoipPeerState) {
-    const std::string voip = vord::resolvePath("/proc/sla/sla_voip_state");
-    vord::LogCapture log;
-    char address[32] = "keep", port[32] = "keep";
-    EXPECT_EQ(-1, impl->getSlaVoipState(address, port));
-    EXPECT_TRUE(log.contains("open voip state file failed:"));
-    const struct { const char *text, *address, *port; } cases[] = {
-        {"1234567", "keep", "keep"}, {"1,2", "keep", "keep"},  // no comma; under 4 bytes
-        {"16777343,20480", "16777343", "20480"}};               // 127.0.0.1, port 80
-    for (const auto& c : cases) {
-        vord::test::TempRoot::writeAt(voip, c.text);
-        EXPECT_EQ(static_cast<int>(strlen(c.text)), impl->getSlaVoipState(address, port));
-        EXPECT_EQ(std::string(c.address) + " " + c.port, std::string(address) + " " + port) << c.text;
-    }
-    unlink(voip.c_str());
 }
 
 // A block cut short while mapped is skipped (with one line, whatever its size;

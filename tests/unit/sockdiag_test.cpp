@@ -7,7 +7,6 @@
 
 #include "FakeDiagKernel.h"
 #include "counters/Counters.h"
-#include "sockdiag/GamingUidSockets.h"
 #include "sockdiag/SockDiag.h"
 
 using android::net::SockDiag;
@@ -66,19 +65,16 @@ struct SockDiagTest : ::testing::Test {
     }
 };
 
-TEST_F(SockDiagTest, DumpRequestBytes) {
+TEST_F(SockDiagTest, DumpRequestAndADestroyRequestThatCopiesTheDumpedIdentity) {
     iovec iov[1];  // the request goes in the first element
     ASSERT_EQ(0, sd.sendDumpRequest(6, AF_INET6, 0x02, 0x0E, iov, 1));
     EXPECT_TRUE(iov[0].iov_base == nullptr && iov[0].iov_len == 0);
-    Bytes want = {72, 0, 0, 0, 20, 0, 0x01, 0x03, 0, 0, 0, 0, 0, 0, 0, 0, 10, 6, 0x02, 0, 0x0E, 0, 0, 0};
-    want.resize(72, 0);
+    Bytes dump = {72, 0, 0, 0, 20, 0, 0x01, 0x03, 0, 0, 0, 0, 0, 0, 0, 0, 10, 6, 0x02, 0, 0x0E, 0, 0, 0};
+    dump.resize(72, 0);
     ASSERT_EQ(1u, kernel.requests.size());
-    EXPECT_EQ(want, kernel.requests[0].bytes);
+    EXPECT_EQ(dump, kernel.requests[0].bytes);
     EXPECT_EQ(100, kernel.requests[0].fd);  // the dump socket
-
-}
-
-TEST_F(SockDiagTest, DestroyRequestCopiesTheDumpedIdentity) {
+    kernel.requests.clear();
     inet_diag_msg m = Sock(AF_INET6, kUid, 0, nullptr, nullptr, 7);
     uint8_t* id = reinterpret_cast<uint8_t*>(&m.id);
     for (size_t i = 0; i < sizeof(m.id); ++i) id[i] = static_cast<uint8_t>(0x30 + i);
@@ -240,18 +236,6 @@ TEST(KillSocketsForUid, RefusesTextThatIsNotADecimalUid) {
     EXPECT_EQ(0, kernel.socketCalls);
     EXPECT_EQ(9u, log.count("refusing a UID that is not a plain decimal number"));
     EXPECT_EQ(0, killSocketsForUID("4294967295", kernel));
-}
-
-TEST(GamingUidSockets, WalksTheListInOrderFetchedAfresh) {
-    std::vector<std::string> list = {"10010", "10020", "10030"}, killed;
-    int fetches = 0;
-    auto kill = [&](const char* uid) { killed.push_back(uid); return 0; };
-    vord::destroyGamingUidSockets([&] { ++fetches; return list; }, kill);
-    EXPECT_EQ(list, killed);
-    EXPECT_EQ(4, fetches);
-    killed.clear();
-    vord::destroyGamingUidSockets([] { return std::vector<std::string>(); }, kill);
-    EXPECT_TRUE(killed.empty());
 }
 
 }  // namespace

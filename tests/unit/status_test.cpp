@@ -60,9 +60,6 @@ TEST(StatusTextTest, RoundTripKeepsEveryFieldAndEveryValueOnItsLine) {
     s.probeServer = "1.1.1.1\r\nend=1";  // control characters
     ASSERT_TRUE(parse(format(s), &back, &error)) << error;
     EXPECT_EQ("1.1.1.1??end=1", back.probeServer);
-    const char* names[] = {"off", "gaming", "game-mode", "voice-call", "game-mode+voice-call"};
-    const std::pair<int, bool> modes[] = {{0, false}, {1, false}, {2, false}, {0, true}, {2, true}};
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(names[i], selectionMode(modes[i].first, modes[i].second));
 }
 
 TEST(StatusTextTest, OnlyCompleteSnapshotsParse) {
